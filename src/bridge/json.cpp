@@ -1,0 +1,137 @@
+#include "bridge/json.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+
+namespace quorvel {
+namespace {
+
+// Deeper values are refused rather than risking the stack: nothing the
+// bridge writes or compares legitimately nests more than a few levels.
+constexpr int kMaxDepth = 512;
+
+void writeString(std::string& out, std::string_view s) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    out += '"';
+    size_t i = 0;
+    while (i < s.size()) {
+        unsigned char c = static_cast<unsigned char>(s[i]);
+        if (c < 0x80) {
+            switch (c) {
+                case '"': out += "\\\""; break;
+                case '\\': out += "\\\\"; break;
+                case '\b': out += "\\b"; break;
+                case '\f': out += "\\f"; break;
+                case '\n': out += "\\n"; break;
+                case '\r': out += "\\r"; break;
+                case '\t': out += "\\t"; break;
+                default:
+                    if (c < 0x20) {
+                        out += "\\u00";
+                        out += kHex[c >> 4];
+                        out += kHex[c & 15];
+                    } else {
+                        out += static_cast<char>(c);
+                    }
+            }
+            ++i;
+            continue;
+        }
+        // Copy a well-formed UTF-8 sequence as it is; anything else becomes
+        // U+FFFD, so the output is always valid JSON and writing it again
+        // after a parse gives the same bytes.
+        size_t len = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
+        bool ok = len != 0 && c <= 0xF4 && i + len <= s.size();
+        for (size_t k = 1; ok && k < len; ++k)
+            ok = (static_cast<unsigned char>(s[i + k]) & 0xC0) == 0x80;
+        if (ok && len >= 3) {
+            unsigned char c1 = static_cast<unsigned char>(s[i + 1]);
+            if (c == 0xE0 && c1 < 0xA0) ok = false;   // overlong
+            if (c == 0xED && c1 >= 0xA0) ok = false;  // surrogate
+            if (c == 0xF0 && c1 < 0x90) ok = false;   // overlong
+            if (c == 0xF4 && c1 >= 0x90) ok = false;  // above U+10FFFF
+        }
+        if (ok) {
+            out.append(s.substr(i, len));
+            i += len;
+        } else {
+            out += "\xEF\xBF\xBD";
+            ++i;
+        }
+    }
+    out += '"';
+}
+
+void writeDouble(std::string& out, double v) {
+    if (!std::isfinite(v)) throw JsonWriteError("number has no JSON text");
+    if (v == 0) {  // negative zero has the value zero
+        out += '0';
+        return;
+    }
+    char buf[400];
+    std::to_chars_result r;
+    if (v == std::trunc(v) && std::fabs(v) < 1e21) {
+        // An integral value prints as digits without a fraction, the same
+        // text an integer of that value gives.
+        r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed);
+    } else {
+        r = std::to_chars(buf, buf + sizeof buf, v);  // shortest round trip
+    }
+    out.append(buf, r.ptr);
+}
+
+void write(std::string& out, const Json& v, int depth) {
+    if (depth > kMaxDepth) throw JsonWriteError("value nested too deeply");
+    switch (v.type()) {
+        case Json::value_t::null: out += "null"; return;
+        case Json::value_t::boolean: out += v.get<bool>() ? "true" : "false"; return;
+        case Json::value_t::number_integer: out += std::to_string(v.get<std::int64_t>()); return;
+        case Json::value_t::number_unsigned: out += std::to_string(v.get<std::uint64_t>()); return;
+        case Json::value_t::number_float: writeDouble(out, v.get<double>()); return;
+        case Json::value_t::string: writeString(out, v.get_ref<const std::string&>()); return;
+        case Json::value_t::array: {
+            out += '[';
+            bool first = true;
+            for (const Json& item : v.get_ref<const JsonArray&>()) {
+                if (!first) out += ',';
+                first = false;
+                write(out, item, depth + 1);
+            }
+            out += ']';
+            return;
+        }
+        case Json::value_t::object: {
+            // object_t is a std::map<std::string, ...>, whose order is the
+            // byte order of the keys.
+            out += '{';
+            bool first = true;
+            for (const auto& [key, item] : v.get_ref<const JsonObject&>()) {
+                if (!first) out += ',';
+                first = false;
+                writeString(out, key);
+                out += ':';
+                write(out, item, depth + 1);
+            }
+            out += '}';
+            return;
+        }
+        case Json::value_t::binary:
+        case Json::value_t::discarded: break;
+    }
+    throw JsonWriteError("value has no JSON text");
+}
+
+}  // namespace
+
+std::string writeJson(const Json& value) {
+    std::string out;
+    write(out, value, 0);
+    return out;
+}
+
+Json parseJson(std::string_view text) {
+    return Json::parse(text.begin(), text.end());
+}
+
+}  // namespace quorvel

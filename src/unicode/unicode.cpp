@@ -1,0 +1,94 @@
+#include "unicode/unicode.h"
+
+#include <utf8proc.h>
+
+#include <cstdlib>
+#include <memory>
+
+namespace quorvel {
+namespace {
+
+// Decodes one scalar at `i`; ill-formed input yields U+FFFD and advances
+// past the maximal ill-formed subpart (at least one byte).
+char32_t decode(std::string_view s, size_t& i) {
+    utf8proc_int32_t cp = 0;
+    utf8proc_ssize_t n = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(s.data() + i),
+                                          static_cast<utf8proc_ssize_t>(s.size() - i), &cp);
+    if (n > 0 && cp >= 0) {
+        i += static_cast<size_t>(n);
+        return static_cast<char32_t>(cp);
+    }
+    // Skip the lead byte and any continuation bytes that a valid sequence
+    // starting there could still have used.
+    unsigned char lead = static_cast<unsigned char>(s[i]);
+    size_t expected = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+    size_t j = i + 1;
+    while (j < s.size() && j < i + expected && (static_cast<unsigned char>(s[j]) & 0xC0) == 0x80)
+        ++j;
+    i = j;
+    return 0xFFFD;
+}
+
+void append(std::string& out, char32_t cp) {
+    utf8proc_uint8_t buf[4];
+    utf8proc_ssize_t n = utf8proc_encode_char(static_cast<utf8proc_int32_t>(cp), buf);
+    out.append(reinterpret_cast<const char*>(buf), static_cast<size_t>(n));
+}
+
+std::string nfd(std::string_view text) {
+    // Normalise the well-formed form of the text, so ill-formed input
+    // compares as its replacement characters.
+    std::string clean;
+    clean.reserve(text.size());
+    for (char32_t cp : scalars(text)) append(clean, cp);
+    utf8proc_uint8_t* out = nullptr;
+    utf8proc_ssize_t n =
+        utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(clean.data()),
+                     static_cast<utf8proc_ssize_t>(clean.size()), &out,
+                     static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE));
+    if (n < 0) return clean;
+    std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owned(out, &std::free);
+    return std::string(reinterpret_cast<const char*>(out), static_cast<size_t>(n));
+}
+
+}  // namespace
+
+std::u32string scalars(std::string_view s) {
+    std::u32string out;
+    out.reserve(s.size());
+    for (size_t i = 0; i < s.size();) out += decode(s, i);
+    return out;
+}
+
+size_t utf16Length(std::string_view s) {
+    size_t units = 0;
+    for (size_t i = 0; i < s.size();) units += decode(s, i) > 0xFFFF ? 2 : 1;
+    return units;
+}
+
+std::string firstGraphemes(std::string_view s, size_t limit) {
+    size_t count = 0;
+    utf8proc_int32_t state = 0;
+    char32_t previous = 0;
+    size_t i = 0;
+    while (i < s.size()) {
+        size_t start = i;
+        char32_t cp = decode(s, i);
+        bool breakBefore =
+            start == 0 || utf8proc_grapheme_break_stateful(static_cast<utf8proc_int32_t>(previous),
+                                                           static_cast<utf8proc_int32_t>(cp),
+                                                           &state);
+        if (breakBefore) {
+            if (count == limit) return std::string(s.substr(0, start));
+            ++count;
+        }
+        previous = cp;
+    }
+    return std::string(s);
+}
+
+bool canonicallyEqual(std::string_view a, std::string_view b) {
+    return a == b || nfd(a) == nfd(b);
+}
+
+}  // namespace quorvel

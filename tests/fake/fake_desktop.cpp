@@ -1,0 +1,311 @@
+#include "fake/fake_desktop.h"
+
+#include <sstream>
+
+namespace quorvel::fake {
+
+FakeDesktop::FakeDesktop() = default;
+
+void FakeDesktop::record(std::string call) {
+    std::string op = call.substr(0, call.find(' '));
+    int nth = ++callCounts_[op];
+    if (auto it = hooks_.find({op, nth}); it != hooks_.end()) {
+        auto hooks = std::move(it->second);
+        hooks_.erase(it);
+        for (auto& hook : hooks) hook();
+    }
+    calls.push_back(std::move(call));
+}
+
+void FakeDesktop::before(const std::string& operation, int nth, std::function<void()> hook) {
+    hooks_[{operation, nth}].push_back(std::move(hook));
+}
+
+int FakeDesktop::count(const std::string& operation) const {
+    auto it = callCounts_.find(operation);
+    return it == callCounts_.end() ? 0 : it->second;
+}
+
+bool FakeDesktop::wasRead(ElementId el, const std::string& attribute) const {
+    std::string needle = "copyAttributeValue " + std::to_string(el) + " " + attribute;
+    for (const std::string& c : calls)
+        if (c == needle) return true;
+    return false;
+}
+
+ElementId FakeDesktop::add(std::map<std::string, Value> attributes) {
+    ElementId id = nextId_++;
+    ElementData& data = elements[id];
+    for (auto& [name, value] : attributes) data.attributes[name] = {kAXErrorSuccess, value};
+    return id;
+}
+
+void FakeDesktop::set(ElementId el, const std::string& attribute, Value value, AXError code) {
+    elements.at(el).attributes[attribute] = {code, std::move(value)};
+}
+
+void FakeDesktop::unset(ElementId el, const std::string& attribute) {
+    elements.at(el).attributes.erase(attribute);
+}
+
+void FakeDesktop::setChildren(ElementId parent, const std::vector<ElementId>& children) {
+    ElementList list;
+    for (ElementId c : children) list.push_back(handle(c));
+    set(parent, "AXChildren", std::move(list));
+}
+
+Element FakeDesktop::handle(ElementId el) const { return std::make_shared<FakeElement>(el); }
+
+ElementId FakeDesktop::idOf(const Element& el) {
+    auto* fake = dynamic_cast<const FakeElement*>(el.get());
+    if (!fake) throw std::logic_error("not an element of the fake desktop");
+    return fake->id;
+}
+
+ElementId FakeDesktop::applicationElement(std::int32_t pid) {
+    auto it = applicationElements.find(pid);
+    if (it != applicationElements.end()) return it->second;
+    ElementId el = add();
+    applicationElements[pid] = el;
+    return el;
+}
+
+std::string FakeDesktop::accessibilityPermissionMessage() const {
+    return "Grant Accessibility access to Quorvel in macOS System Settings, then retry.";
+}
+
+std::string FakeDesktop::screenCapturePermissionMessage() const {
+    return "Grant Screen Recording access to Quorvel in macOS System Settings, then retry.";
+}
+
+bool FakeDesktop::isProcessTrusted() {
+    record("isProcessTrusted");
+    return trusted;
+}
+
+bool FakeDesktop::preflightScreenCaptureAccess() {
+    record("preflightScreenCaptureAccess");
+    return screenCaptureAllowed;
+}
+
+Application FakeDesktop::frontmostApplication() {
+    record("frontmostApplication");
+    if (!frontmost) return nullptr;
+    return std::make_shared<FakeApplication>(*frontmost);
+}
+
+std::int32_t FakeDesktop::processIdentifier(const Application& app) {
+    record("processIdentifier");
+    return dynamic_cast<const FakeApplication&>(*app).pid;
+}
+
+std::optional<std::string> FakeDesktop::localizedName(const Application& app) {
+    record("localizedName");
+    return dynamic_cast<const FakeApplication&>(*app).name;
+}
+
+Element FakeDesktop::createApplicationElement(std::int32_t pid) {
+    record("createApplicationElement " + std::to_string(pid));
+    return handle(applicationElement(pid));
+}
+
+void FakeDesktop::setMessagingTimeout(const Element& el, float seconds) {
+    std::ostringstream s;
+    s << "setMessagingTimeout " << idOf(el) << " " << seconds;
+    record(s.str());
+}
+
+AttributeRead FakeDesktop::copyAttributeValue(const Element& el, std::string_view attribute) {
+    ElementId id = idOf(el);
+    record("copyAttributeValue " + std::to_string(id) + " " + std::string(attribute));
+    auto e = elements.find(id);
+    if (e == elements.end()) return {kAXErrorFailure, {}};
+    auto a = e->second.attributes.find(attribute);
+    if (a == e->second.attributes.end()) return {kAXErrorNoValue, {}};
+    return {a->second.code, a->second.value};
+}
+
+AXError FakeDesktop::isAttributeSettable(const Element& el, std::string_view attribute,
+                                         bool& settable) {
+    ElementId id = idOf(el);
+    record("isAttributeSettable " + std::to_string(id) + " " + std::string(attribute));
+    const ElementData& data = elements.at(id);
+    if (data.settableCode == kAXErrorSuccess) settable = data.valueSettable;
+    return data.settableCode;
+}
+
+AXError FakeDesktop::setAttributeValue(const Element& el, std::string_view attribute,
+                                       const std::string& text) {
+    ElementId id = idOf(el);
+    record("setAttributeValue " + std::to_string(id) + " " + std::string(attribute));
+    ElementData& data = elements.at(id);
+    if (data.setCode == kAXErrorSuccess) {
+        data.attributes[std::string(attribute)] = {kAXErrorSuccess, text};
+        setValues.emplace_back(id, text);
+    }
+    return data.setCode;
+}
+
+bool FakeDesktop::equal(const Element& a, const Element& b) {
+    record("equal");
+    return idOf(a) == idOf(b);
+}
+
+void FakeDesktop::beginTreeScan(const Element& root) {
+    record("beginTreeScan " + std::to_string(idOf(root)));
+    ++scanBrackets;
+}
+
+void FakeDesktop::endTreeScan() {
+    record("endTreeScan");
+    --scanBrackets;
+}
+
+std::optional<std::vector<WindowListEntry>> FakeDesktop::copyWindowInfo(std::uint32_t options,
+                                                                        std::uint32_t relative) {
+    record("copyWindowInfo " + std::to_string(options) + " " + std::to_string(relative));
+    return windowList;
+}
+
+Image FakeDesktop::createWindowImage(const Rect& bounds, std::uint32_t listOption,
+                                     std::uint32_t windowID, std::uint32_t imageOption) {
+    std::ostringstream s;
+    s << "createWindowImage " << bounds.x << "," << bounds.y << "," << bounds.width << ","
+      << bounds.height << " " << listOption << " " << windowID << " " << imageOption;
+    record(s.str());
+    if (!imageBytes) return nullptr;
+    auto image = std::make_shared<FakeImage>();
+    image->bytes = *imageBytes;
+    return image;
+}
+
+std::optional<std::vector<std::uint8_t>> FakeDesktop::copyImageData(const Image& image) {
+    record("copyImageData");
+    if (!imageHasData) return std::nullopt;
+    return dynamic_cast<const FakeImage&>(*image).bytes;
+}
+
+std::vector<TextObservation> FakeDesktop::recognizeText(const Image&) {
+    record("recognizeText");
+    if (recognizerError) throw std::runtime_error(*recognizerError);
+    return recognized;
+}
+
+std::optional<Point> FakeDesktop::pointerLocation() {
+    record("pointerLocation");
+    ++eventsCreated;
+    if (failEventCreation.count(eventsCreated)) return std::nullopt;
+    return pointer;
+}
+
+Event FakeDesktop::newEvent(FakeEvent event) {
+    ++eventsCreated;
+    if (failEventCreation.count(eventsCreated)) return nullptr;
+    return std::make_unique<FakeEvent>(std::move(event));
+}
+
+Event FakeDesktop::createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) {
+    record("createKeyboardEvent " + std::to_string(virtualKey) + (keyDown ? " down" : " up"));
+    FakeEvent e;
+    e.kind = FakeEvent::Kind::Keyboard;
+    e.keyCode = virtualKey;
+    e.keyDown = keyDown;
+    return newEvent(std::move(e));
+}
+
+Event FakeDesktop::createMouseEvent(MouseEventType type, Point location, MouseButton button) {
+    record("createMouseEvent " + std::to_string(static_cast<int>(type)));
+    FakeEvent e;
+    e.kind = FakeEvent::Kind::Mouse;
+    e.mouseType = type;
+    e.location = location;
+    e.button = button;
+    return newEvent(std::move(e));
+}
+
+Event FakeDesktop::createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount,
+                                          std::int32_t w1, std::int32_t w2, std::int32_t w3) {
+    record("createScrollWheelEvent " + std::to_string(w1));
+    FakeEvent e;
+    e.kind = FakeEvent::Kind::Scroll;
+    e.scrollUnit = unit;
+    e.wheelCount = wheelCount;
+    e.wheel[0] = w1;
+    e.wheel[1] = w2;
+    e.wheel[2] = w3;
+    return newEvent(std::move(e));
+}
+
+void FakeDesktop::setFlags(EventObject& event, EventFlags flags) {
+    record("setFlags " + std::to_string(flags));
+    dynamic_cast<FakeEvent&>(event).flags = flags;
+}
+
+void FakeDesktop::setUnicodeString(EventObject& event, std::span<const char16_t> text) {
+    record("setUnicodeString " + std::to_string(text.size()));
+    auto& e = dynamic_cast<FakeEvent&>(event);
+    e.unicode.assign(text.begin(), text.end());
+    e.hasUnicode = true;
+}
+
+void FakeDesktop::setIntegerValueField(EventObject& event, EventField field, std::int64_t value) {
+    record("setIntegerValueField " + std::to_string(static_cast<int>(field)) + " " +
+           std::to_string(value));
+    if (field == EventField::MouseClickState) dynamic_cast<FakeEvent&>(event).clickState = value;
+}
+
+void FakeDesktop::post(EventTap tap, EventObject& event) {
+    record("post " + std::to_string(static_cast<int>(tap)));
+    posted.push_back(dynamic_cast<FakeEvent&>(event));
+}
+
+void FakeDesktop::sleep(double seconds) {
+    record("sleep");
+    sleeps.push_back(seconds);
+}
+
+StandardScene::StandardScene(FakeDesktop& d) : desktop(d) {
+    desktop.frontmost = FakeApplication{};
+    desktop.frontmost->pid = kPid;
+    desktop.frontmost->name = "Fake Editor";
+    app = desktop.applicationElement(kPid);
+    window = desktop.add({
+        {"AXRole", std::string("AXWindow")},
+        {"AXTitle", std::string("Document")},
+        {"AXPosition", Point{kFrame.x, kFrame.y}},
+        {"AXSize", Size{kFrame.width, kFrame.height}},
+    });
+    desktop.set(app, "AXFocusedWindow", desktop.handle(window));
+    desktop.windowList = std::vector<WindowListEntry>{{
+        std::int64_t{kPid},
+        std::int64_t{0},
+        kFrame,
+        std::int64_t{kWindowNumber},
+    }};
+}
+
+void StandardScene::moveWindow(double dx, double dy) {
+    auto& position = std::get<Point>(desktop.elements.at(window).attributes.at("AXPosition").value);
+    position.x += dx;
+    position.y += dy;
+    for (WindowListEntry& entry : *desktop.windowList) {
+        if (std::get_if<std::int64_t>(&entry.number) &&
+            std::get<std::int64_t>(entry.number) == kWindowNumber && entry.bounds) {
+            entry.bounds->x += dx;
+            entry.bounds->y += dy;
+        }
+    }
+}
+
+void StandardScene::retitle(const std::string& title) {
+    desktop.set(window, "AXTitle", title);
+}
+
+void StandardScene::focus(ElementId element) {
+    if (element == 0)
+        desktop.unset(app, "AXFocusedUIElement");
+    else
+        desktop.set(app, "AXFocusedUIElement", desktop.handle(element));
+}
+
+}  // namespace quorvel::fake

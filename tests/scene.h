@@ -1,0 +1,33 @@
+// Shared helpers for tests that drive requests against the fake desktop.
+#pragma once
+
+#include <string>
+
+#include "bridge/envelope.h"
+#include "bridge/json.h"
+#include "fake/fake_desktop.h"
+
+namespace quorvel::testing {
+
+// Runs one request in-process and returns the parsed envelope.
+inline Json request(fake::FakeDesktop& desktop, const std::string& text) {
+    return parseJson(respond(desktop, text).body);
+}
+
+// The scope object that an observation of the current desktop returns.
+inline Json observedScope(fake::FakeDesktop& desktop) {
+    Json r = request(desktop, R"({"version":1,"operation":"context"})");
+    return r.at("result").at("scope");
+}
+
+// An "act" request with `scope` and the action given as JSON text.
+inline std::string act(const Json& scope, const std::string& action) {
+    return R"({"version":1,"operation":"act","scope":)" + writeJson(scope) +
+           R"(,"action":)" + action + "}";
+}
+
+inline std::string errorOf(const Json& envelope) {
+    return envelope.value("error", std::string("<success>"));
+}
+
+}  // namespace quorvel::testing
