@@ -1,10 +1,11 @@
-# The Linux backend.
+# The Linux backend: AT-SPI2 for accessibility, Xlib with EWMH for windows,
+# XTest for input, Tesseract for text recognition, OpenSSL for SHA-256.
 find_package(OpenSSL REQUIRED)
 add_library(quorvel_digest STATIC src/platform/linux/digest.cpp)
 target_include_directories(quorvel_digest PUBLIC src)
 target_link_libraries(quorvel_digest PRIVATE OpenSSL::Crypto)
 
-add_library(quorvel_platform STATIC
-  src/platform/linux/no_desktop.cpp
-)
+file(GLOB QUORVEL_LINUX_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/linux/*.cpp)
+list(FILTER QUORVEL_LINUX_SOURCES EXCLUDE REGEX "/digest\\.cpp$")
+add_library(quorvel_platform STATIC ${QUORVEL_LINUX_SOURCES})
 target_link_libraries(quorvel_platform PUBLIC quorvel_core)
