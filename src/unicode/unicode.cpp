@@ -8,8 +8,27 @@
 namespace quorvel {
 namespace {
 
-// Decodes one scalar at `i`; ill-formed input yields U+FFFD and advances
-// past the maximal ill-formed subpart (at least one byte).
+// The range that the byte after `lead` must fall in for the sequence to be
+// well-formed; an empty range (lo > hi) for a byte that starts no sequence.
+struct Range {
+    unsigned char lo, hi;
+};
+Range secondByte(unsigned char lead) {
+    if (lead >= 0xC2 && lead <= 0xDF) return {0x80, 0xBF};
+    if (lead == 0xE0) return {0xA0, 0xBF};  // no overlong forms
+    if (lead == 0xED) return {0x80, 0x9F};  // no surrogates
+    if (lead >= 0xE1 && lead <= 0xEF) return {0x80, 0xBF};
+    if (lead == 0xF0) return {0x90, 0xBF};  // no overlong forms
+    if (lead >= 0xF1 && lead <= 0xF3) return {0x80, 0xBF};
+    if (lead == 0xF4) return {0x80, 0x8F};  // nothing above U+10FFFF
+    return {1, 0};
+}
+
+// Decodes one scalar at `i`. Ill-formed input yields U+FFFD and advances past
+// its maximal subpart: the longest prefix of a well-formed sequence that
+// starts there, or one byte when there is none. This is the substitution
+// practice the Unicode Standard recommends, so a truncated sequence counts
+// once while stray bytes count one each.
 char32_t decode(std::string_view s, size_t& i) {
     utf8proc_int32_t cp = 0;
     utf8proc_ssize_t n = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(s.data() + i),
@@ -18,13 +37,16 @@ char32_t decode(std::string_view s, size_t& i) {
         i += static_cast<size_t>(n);
         return static_cast<char32_t>(cp);
     }
-    // Skip the lead byte and any continuation bytes that a valid sequence
-    // starting there could still have used.
     unsigned char lead = static_cast<unsigned char>(s[i]);
-    size_t expected = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+    size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+    Range next = secondByte(lead);
     size_t j = i + 1;
-    while (j < s.size() && j < i + expected && (static_cast<unsigned char>(s[j]) & 0xC0) == 0x80)
+    while (j < s.size() && j < i + length) {
+        unsigned char c = static_cast<unsigned char>(s[j]);
+        if (c < next.lo || c > next.hi) break;
+        next = {0x80, 0xBF};
         ++j;
+    }
     i = j;
     return 0xFFFD;
 }
