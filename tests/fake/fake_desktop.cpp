@@ -1,5 +1,6 @@
 #include "fake/fake_desktop.h"
 
+#include <iomanip>
 #include <sstream>
 
 namespace quorvel::fake {
@@ -56,6 +57,117 @@ void FakeDesktop::setChildren(ElementId parent, const std::vector<ElementId>& ch
 
 Element FakeDesktop::handle(ElementId el) const { return std::make_shared<FakeElement>(el); }
 
+Element FakeDesktop::issue(ElementId el) const {
+    auto element = std::make_shared<FakeElement>(el);
+    element->live.track(liveElements_);
+    return element;
+}
+
+Value FakeDesktop::issue(const Value& value) const {
+    if (auto* el = std::get_if<Element>(&value)) return *el ? issue(idOf(*el)) : Element{};
+    if (auto* list = std::get_if<ElementList>(&value)) {
+        ElementList fresh;
+        fresh.reserve(list->size());
+        for (const Element& el : *list) fresh.push_back(el ? issue(idOf(el)) : Element{});
+        return fresh;
+    }
+    return value;
+}
+
+std::vector<std::string> FakeDesktop::readsOf(ElementId el) const {
+    std::string prefix = "copyAttributeValue " + std::to_string(el) + " ";
+    std::vector<std::string> reads;
+    for (const std::string& c : calls)
+        if (c.compare(0, prefix.size(), prefix) == 0) reads.push_back(c.substr(prefix.size()));
+    return reads;
+}
+
+void FakeDesktop::beforeForeground(int nth, std::function<void()> hook) {
+    before("isProcessTrusted", nth, std::move(hook));
+}
+
+std::vector<std::string> FakeDesktop::postedLog() const {
+    std::vector<std::string> log;
+    for (const FakeEvent& e : posted) log.push_back(describe(e));
+    return log;
+}
+
+std::string FakeDesktop::unreleased() const {
+    std::string out;
+    auto add = [&out](int n, const char* one, const char* many) {
+        if (n == 0) return;
+        if (!out.empty()) out += ", ";
+        out += std::to_string(n) + " " + (n == 1 ? one : many);
+    };
+    add(*liveElements_, "element", "elements");
+    add(*liveApplications_, "application", "applications");
+    add(*liveImages_, "image", "images");
+    add(*liveEvents_, "event", "events");
+    return out;
+}
+
+std::vector<ElementId> FakeDesktop::addTree(ElementId root, int count, int fanout) {
+    std::vector<ElementId> made;
+    made.reserve(static_cast<size_t>(count));
+    std::vector<std::vector<ElementId>> children(static_cast<size_t>(count));
+    std::vector<ElementId> rootChildren;
+    for (int i = 0; i < count; ++i) {
+        ElementId el = add({
+            {"AXRole", std::string("AXStaticText")},
+            {"AXTitle", "Item " + std::to_string(i)},
+            {"AXPosition", Point{110.0 + i % 700, 60.0 + (i / 700) * 20}},
+            {"AXSize", Size{40, 16}},
+        });
+        made.push_back(el);
+        // Element i hangs below the root when i < fanout, else below made[i / fanout - 1].
+        if (i < fanout)
+            rootChildren.push_back(el);
+        else
+            children[static_cast<size_t>(i / fanout - 1)].push_back(el);
+    }
+    setChildren(root, rootChildren);
+    for (int i = 0; i < count; ++i)
+        if (!children[static_cast<size_t>(i)].empty()) setChildren(made[static_cast<size_t>(i)], children[static_cast<size_t>(i)]);
+    return made;
+}
+
+std::string describe(const FakeEvent& e) {
+    std::ostringstream s;
+    switch (e.kind) {
+        case FakeEvent::Kind::Keyboard:
+            s << "key " << e.keyCode << (e.keyDown ? " down" : " up");
+            if (e.flags) s << " flags=0x" << std::hex << *e.flags << std::dec;
+            if (e.hasUnicode) {
+                s << " text=\"";
+                for (char16_t u : e.unicode) {
+                    if (u >= 0x20 && u < 0x7F && u != '"' && u != '\\')
+                        s << static_cast<char>(u);
+                    else
+                        s << "\\u" << std::hex << std::setw(4) << std::setfill('0')
+                          << static_cast<unsigned>(u) << std::dec << std::setfill(' ');
+                }
+                s << '"';
+            }
+            break;
+        case FakeEvent::Kind::Mouse:
+            s << "mouse " << (e.mouseType == MouseEventType::LeftMouseDown ? "down" : "up");
+            if (e.button != MouseButton::Left) s << " button=" << static_cast<int>(e.button);
+            if (e.clickState) s << " click=" << *e.clickState;
+            if (e.flags) s << " flags=0x" << std::hex << *e.flags << std::dec;
+            s << " at " << e.location.x << "," << e.location.y;
+            break;
+        case FakeEvent::Kind::Scroll:
+            s << "scroll " << (e.scrollUnit == ScrollUnit::Pixel ? "pixel" : "line")
+              << " wheels=" << e.wheelCount << " delta=" << e.wheel[0] << "," << e.wheel[1]
+              << "," << e.wheel[2];
+            if (e.flags) s << " flags=0x" << std::hex << *e.flags << std::dec;
+            break;
+    }
+    return s.str();
+}
+
+void PrintTo(const FakeEvent& e, std::ostream* os) { *os << describe(e); }
+
 ElementId FakeDesktop::idOf(const Element& el) {
     auto* fake = dynamic_cast<const FakeElement*>(el.get());
     if (!fake) throw std::logic_error("not an element of the fake desktop");
@@ -91,7 +203,9 @@ bool FakeDesktop::preflightScreenCaptureAccess() {
 Application FakeDesktop::frontmostApplication() {
     record("frontmostApplication");
     if (!frontmost) return nullptr;
-    return std::make_shared<FakeApplication>(*frontmost);
+    auto app = std::make_shared<FakeApplication>(*frontmost);
+    app->live.track(liveApplications_);
+    return app;
 }
 
 std::int32_t FakeDesktop::processIdentifier(const Application& app) {
@@ -106,7 +220,7 @@ std::optional<std::string> FakeDesktop::localizedName(const Application& app) {
 
 Element FakeDesktop::createApplicationElement(std::int32_t pid) {
     record("createApplicationElement " + std::to_string(pid));
-    return handle(applicationElement(pid));
+    return issue(applicationElement(pid));
 }
 
 void FakeDesktop::setMessagingTimeout(const Element& el, float seconds) {
@@ -117,12 +231,12 @@ void FakeDesktop::setMessagingTimeout(const Element& el, float seconds) {
 
 AttributeRead FakeDesktop::copyAttributeValue(const Element& el, std::string_view attribute) {
     ElementId id = idOf(el);
-    record("copyAttributeValue " + std::to_string(id) + " " + std::string(attribute));
+    if (logCalls) record("copyAttributeValue " + std::to_string(id) + " " + std::string(attribute));
     auto e = elements.find(id);
     if (e == elements.end()) return {kAXErrorFailure, {}};
     auto a = e->second.attributes.find(attribute);
     if (a == e->second.attributes.end()) return {kAXErrorNoValue, {}};
-    return {a->second.code, a->second.value};
+    return {a->second.code, issue(a->second.value)};
 }
 
 AXError FakeDesktop::isAttributeSettable(const Element& el, std::string_view attribute,
@@ -176,6 +290,7 @@ Image FakeDesktop::createWindowImage(const Rect& bounds, std::uint32_t listOptio
     if (!imageBytes) return nullptr;
     auto image = std::make_shared<FakeImage>();
     image->bytes = *imageBytes;
+    image->live.track(liveImages_);
     return image;
 }
 
@@ -201,7 +316,9 @@ std::optional<Point> FakeDesktop::pointerLocation() {
 Event FakeDesktop::newEvent(FakeEvent event) {
     ++eventsCreated;
     if (failEventCreation.count(eventsCreated)) return nullptr;
-    return std::make_unique<FakeEvent>(std::move(event));
+    auto created = std::make_unique<FakeEvent>(std::move(event));
+    created->live.track(liveEvents_);
+    return created;
 }
 
 Event FakeDesktop::createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) {

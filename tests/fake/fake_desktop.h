@@ -9,6 +9,9 @@
 
 #include <functional>
 #include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -20,18 +23,45 @@ namespace quorvel::fake {
 
 using ElementId = int;
 
+// Counts a platform object the fake handed to the core for as long as that
+// object lives, so a test can check that the core released everything it
+// obtained. A copy is a record of the object, not the object, and does not
+// count (the fake keeps copies of posted events, for example).
+class LiveToken {
+public:
+    LiveToken() = default;
+    LiveToken(const LiveToken&) {}
+    LiveToken& operator=(const LiveToken&) { return *this; }
+    ~LiveToken() { release(); }
+    void track(std::shared_ptr<int> counter) {
+        release();
+        counter_ = std::move(counter);
+        ++*counter_;
+    }
+
+private:
+    void release() {
+        if (counter_) --*counter_;
+        counter_.reset();
+    }
+    std::shared_ptr<int> counter_;
+};
+
 struct FakeElement final : ElementObject {
     explicit FakeElement(ElementId id) : id(id) {}
     ElementId id;
+    LiveToken live;
 };
 
 struct FakeApplication final : ApplicationObject {
     std::int32_t pid = 0;
     std::optional<std::string> name;
+    LiveToken live;
 };
 
 struct FakeImage final : ImageObject {
     std::vector<std::uint8_t> bytes;
+    LiveToken live;
 };
 
 // An event as the core built it.
@@ -49,7 +79,15 @@ struct FakeEvent final : EventObject {
     ScrollUnit scrollUnit = ScrollUnit::Pixel;
     std::uint32_t wheelCount = 0;
     std::int32_t wheel[3] = {0, 0, 0};
+    LiveToken live;
 };
+
+// One line per event, for exact sequence checks and readable failures:
+// "mouse down click=1 at 150,80", "key 33 up flags=0x100000",
+// "key 0 down text=\"abc\"" (other than printable ASCII as \uXXXX),
+// "scroll pixel wheels=1 delta=2000,0,0".
+std::string describe(const FakeEvent&);
+void PrintTo(const FakeEvent&, std::ostream*);
 
 // One attribute as the fake answers it.
 struct Attribute {
@@ -91,6 +129,9 @@ public:
     std::optional<std::string> recognizerError;
 
     std::optional<Point> pointer = Point{0, 0};
+    // Off: attribute reads are neither logged nor counted and run no hooks
+    // (for benchmarks, where the log would cost more than the core).
+    bool logCalls = true;
     // Creation of the Nth event (1-based, counted over all kinds) fails.
     std::set<int> failEventCreation;
 
@@ -117,6 +158,23 @@ public:
     // How many calls of `operation` were made, and whether `needle` was read.
     int count(const std::string& operation) const;
     bool wasRead(ElementId, const std::string& attribute) const;
+    // The attributes read from one element, in order.
+    std::vector<std::string> readsOf(ElementId) const;
+    // Runs `hook` before the `nth` foreground-window resolution, whose first
+    // platform call is the permission check (so every validation counts).
+    void beforeForeground(int nth, std::function<void()> hook);
+    // `posted`, one `describe` line per event.
+    std::vector<std::string> postedLog() const;
+
+    // Platform objects handed to the core and not yet released; "" when
+    // there are none, else e.g. "2 elements, 1 event".
+    std::string unreleased() const;
+
+    // Adds `count` elements below `root`, breadth-first, each with at most
+    // `fanout` children, and returns them in breadth-first order. Each has
+    // role "AXStaticText", title "Item N" and a small frame inside the
+    // standard window.
+    std::vector<ElementId> addTree(ElementId root, int count, int fanout);
 
     // --- Platform --------------------------------------------------------------
     std::string name() const override { return platformName; }
@@ -156,6 +214,14 @@ private:
     void record(std::string call);
     Event newEvent(FakeEvent event);
     static ElementId idOf(const Element&);
+    // A fresh handle for the core, counted while it lives.
+    Element issue(ElementId) const;
+    Value issue(const Value&) const;
+
+    std::shared_ptr<int> liveElements_ = std::make_shared<int>(0);
+    std::shared_ptr<int> liveApplications_ = std::make_shared<int>(0);
+    std::shared_ptr<int> liveImages_ = std::make_shared<int>(0);
+    std::shared_ptr<int> liveEvents_ = std::make_shared<int>(0);
 
     ElementId nextId_ = 1;
     std::map<std::string, int> callCounts_;
