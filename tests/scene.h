@@ -4,6 +4,7 @@
 #include <string>
 
 #include "bridge/envelope.h"
+#include "bridge/failure.h"
 #include "bridge/json.h"
 #include "fake/fake_desktop.h"
 
@@ -28,6 +29,29 @@ inline std::string act(const Json& scope, const std::string& action) {
 
 inline std::string errorOf(const Json& envelope) {
     return envelope.value("error", std::string("<success>"));
+}
+
+// The scope object of StandardScene as an observation would return it, built
+// without asking the desktop, so the fake's call counts start at zero.
+inline JsonObject standardScope() {
+    const Rect& f = fake::StandardScene::kFrame;
+    return JsonObject{
+        {"bounds", JsonObject{{"x", f.x}, {"y", f.y}, {"width", f.width}, {"height", f.height}}},
+        {"pid", fake::StandardScene::kPid},
+        {"window", "Document"},
+        {"window_id", fake::StandardScene::kWindowNumber},
+    };
+}
+
+// The message of the Failure that `f` throws, or "<no failure>".
+template <typename F>
+std::string failureOf(F&& f) {
+    try {
+        f();
+    } catch (const Failure& failure) {
+        return failure.message();
+    }
+    return "<no failure>";
 }
 
 }  // namespace quorvel::testing

@@ -174,6 +174,10 @@ ElementId FakeDesktop::idOf(const Element& el) {
     return fake->id;
 }
 
+std::int32_t FakeDesktop::pidOf(const Application& app) {
+    return dynamic_cast<const FakeApplication&>(*app).pid;
+}
+
 ElementId FakeDesktop::applicationElement(std::int32_t pid) {
     auto it = applicationElements.find(pid);
     if (it != applicationElements.end()) return it->second;

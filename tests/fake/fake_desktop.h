@@ -166,6 +166,10 @@ public:
     // `posted`, one `describe` line per event.
     std::vector<std::string> postedLog() const;
 
+    // What a handle of the core refers to.
+    static ElementId idOf(const Element&);
+    static std::int32_t pidOf(const Application&);
+
     // Platform objects handed to the core and not yet released; "" when
     // there are none, else e.g. "2 elements, 1 event".
     std::string unreleased() const;
@@ -213,7 +217,6 @@ public:
 private:
     void record(std::string call);
     Event newEvent(FakeEvent event);
-    static ElementId idOf(const Element&);
     // A fresh handle for the core, counted while it lives.
     Element issue(ElementId) const;
     Value issue(const Value&) const;
