@@ -45,11 +45,11 @@ public:
     Application frontmostApplication() override {
         @autoreleasepool {
             // The workspace keeps its answer until the main run loop turns,
-            // and this process never runs it. One turn that does not wait
-            // takes in any change of the active application since the last
-            // read, so that a second identification within the same request
-            // sees the desktop as it is now.
-            CFRunLoopRunInMode(kCFRunLoopDefaultMode, 0, true);
+            // and this process never runs it. One pass that does not wait
+            // takes in whatever change of the active application has arrived
+            // since the last read, so that a second identification within
+            // the same request sees the desktop as it is now.
+            CFRunLoopRunInMode(kCFRunLoopDefaultMode, 0, false);
             NSRunningApplication* application = [[NSWorkspace sharedWorkspace] frontmostApplication];
             if (!application) return nullptr;
             return std::make_shared<MacApplication>(application);
