@@ -9,3 +9,9 @@ file(GLOB QUORVEL_LINUX_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/sr
 list(FILTER QUORVEL_LINUX_SOURCES EXCLUDE REGEX "/digest\\.cpp$")
 add_library(quorvel_platform STATIC ${QUORVEL_LINUX_SOURCES})
 target_link_libraries(quorvel_platform PUBLIC quorvel_core)
+
+# The read side: libatspi and libdbus for the accessibility tree, Xlib with
+# Composite for windows and their images, Tesseract for text recognition.
+pkg_check_modules(QUORVEL_LINUX_READ REQUIRED IMPORTED_TARGET
+  atspi-2 dbus-1 glib-2.0 gobject-2.0 x11 xcomposite tesseract lept)
+target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_LINUX_READ)

@@ -1,0 +1,111 @@
+// The accessibility half of the Linux backend: AT-SPI2 through libatspi, plus
+// pipelined method calls for the tree scan.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/linux/atspi_calls.h"
+#include "platform/platform.h"
+
+struct _AtspiAccessible;
+
+namespace quorvel::linux_backend {
+
+class TreeSnapshot;
+
+// An element handle: one reference on a libatspi accessible object, given
+// back when the last owner lets go.
+class AtspiElement final : public ElementObject {
+public:
+    // Takes over one reference on `accessible`.
+    AtspiElement(_AtspiAccessible* accessible, bool application);
+    ~AtspiElement() override;
+    AtspiElement(const AtspiElement&) = delete;
+    AtspiElement& operator=(const AtspiElement&) = delete;
+
+    _AtspiAccessible* accessible() const { return accessible_; }
+    // The root object of an application: it answers "AXFocusedWindow" and
+    // "AXFocusedUIElement".
+    bool application() const { return application_; }
+    // The object's identity on the bus: its application's bus name and path.
+    ObjectRef ref() const;
+
+private:
+    _AtspiAccessible* accessible_;
+    bool application_;
+};
+
+// Wraps an accessible (adding a reference) as an element handle.
+Element wrap(_AtspiAccessible* accessible, bool application = false);
+
+// The frontmost application: its process and, when it talks to the
+// accessibility bus, its AT-SPI application object.
+class AtspiApplicationHandle final : public ApplicationObject {
+public:
+    AtspiApplicationHandle(std::int32_t pid, _AtspiAccessible* application);
+    ~AtspiApplicationHandle() override;
+    AtspiApplicationHandle(const AtspiApplicationHandle&) = delete;
+    AtspiApplicationHandle& operator=(const AtspiApplicationHandle&) = delete;
+
+    std::int32_t pid() const { return pid_; }
+    _AtspiAccessible* application() const { return application_; }
+
+private:
+    std::int32_t pid_;
+    _AtspiAccessible* application_;  // may be null
+};
+
+class Accessibility {
+public:
+    // `rootWindowAddress` reads the bus address that the session may have
+    // published on the X root window; it is asked only when the environment
+    // names no bus.
+    explicit Accessibility(std::function<std::optional<std::string>()> rootWindowAddress);
+    ~Accessibility();
+    Accessibility(const Accessibility&) = delete;
+    Accessibility& operator=(const Accessibility&) = delete;
+
+    // Whether the AT-SPI registry answers. Connects on first use, without
+    // ever starting a bus or any other process.
+    bool reachable();
+
+    // The AT-SPI application of process `pid`, null when it has none.
+    Application application(std::int32_t pid);
+    std::optional<std::string> applicationName(const Application&);
+    Element applicationElement(std::int32_t pid);
+
+    void setTimeout(float seconds);
+    AttributeRead read(const Element&, std::string_view attribute);
+    AXError isSettable(const Element&, std::string_view attribute, bool& settable);
+    AXError setText(const Element&, std::string_view attribute, const std::string& text);
+    bool equal(const Element&, const Element&);
+
+    // Between these two calls, reads of the scanned window's elements are
+    // served from one prefetch of its tree; the prefetch is dropped at the
+    // end, so every other read asks the application.
+    void beginTreeScan(const Element& root);
+    void endTreeScan();
+
+private:
+    bool connect();
+    _AtspiAccessible* findApplication(std::int32_t pid);
+    AttributeRead focusedWindow(const AtspiElement& application);
+    AttributeRead focusedElement(const AtspiElement& application);
+    int timeoutMs() const { return timeoutMs_; }
+
+    std::function<std::optional<std::string>()> rootWindowAddress_;
+    bool connectAttempted_ = false;
+    bool connected_ = false;
+    int timeoutMs_ = 2000;
+    std::unique_ptr<TreeSnapshot> snapshot_;
+    // Set when an application stopped answering during the current scan:
+    // the scan's remaining reads fail at once instead of waiting again.
+    bool scanStalled_ = false;
+};
+
+}  // namespace quorvel::linux_backend

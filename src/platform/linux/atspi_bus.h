@@ -1,0 +1,25 @@
+// Finding the accessibility bus without starting anything.
+//
+// libatspi and libdbus, left to themselves, may launch a session bus
+// ("autolaunch") or D-Bus-activate the accessibility bus launcher when no
+// session is running. The bridge must never start a process, so the address
+// is found here, from what the session already provides, and handed to
+// libatspi.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace quorvel::linux_backend {
+
+// In this order: $AT_SPI_BUS_ADDRESS; the address published on the X root
+// window (`rootWindowAddress`); the org.a11y.Bus service of a running session
+// bus, asked without auto-start. Empty when none of them names a bus.
+std::optional<std::string> accessibilityBusAddress(
+    const std::function<std::optional<std::string>()>& rootWindowAddress, int timeoutMs);
+
+// Whether libdbus would start a process to reach this address.
+bool startsProcess(const std::string& address);
+
+}  // namespace quorvel::linux_backend

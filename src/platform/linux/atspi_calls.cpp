@@ -1,0 +1,265 @@
+#include "platform/linux/atspi_calls.h"
+
+#include <cstring>
+
+namespace quorvel::linux_backend {
+namespace {
+
+constexpr char kAccessible[] = "org.a11y.atspi.Accessible";
+constexpr char kComponent[] = "org.a11y.atspi.Component";
+constexpr char kText[] = "org.a11y.atspi.Text";
+constexpr char kValue[] = "org.a11y.atspi.Value";
+constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
+constexpr dbus_uint32_t kScreenCoordinates = 0;  // ATSPI_COORD_TYPE_SCREEN
+
+Message methodCall(const ObjectRef& ref, const char* interface, const char* method) {
+    return Message(dbus_message_new_method_call(ref.bus.c_str(), ref.path.c_str(), interface,
+                                                method));
+}
+
+bool isReply(DBusMessage* reply, const char* signature) {
+    return reply && dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_METHOD_RETURN &&
+           std::strcmp(dbus_message_get_signature(reply), signature) == 0;
+}
+
+std::string basicString(DBusMessageIter* iter) {
+    const char* text = nullptr;
+    dbus_message_iter_get_basic(iter, &text);
+    return text ? text : "";
+}
+
+// Reads an (so) structure: a bus name and an object path.
+ObjectRef readRef(DBusMessageIter* iter) {
+    DBusMessageIter fields;
+    dbus_message_iter_recurse(iter, &fields);
+    ObjectRef ref;
+    ref.bus = basicString(&fields);
+    dbus_message_iter_next(&fields);
+    ref.path = basicString(&fields);
+    return ref;
+}
+
+}  // namespace
+
+Message roleCall(const ObjectRef& ref) { return methodCall(ref, kAccessible, "GetRole"); }
+Message stateCall(const ObjectRef& ref) { return methodCall(ref, kAccessible, "GetState"); }
+Message interfacesCall(const ObjectRef& ref) {
+    return methodCall(ref, kAccessible, "GetInterfaces");
+}
+Message childrenCall(const ObjectRef& ref) { return methodCall(ref, kAccessible, "GetChildren"); }
+
+Message childAtIndexCall(const ObjectRef& ref, int index) {
+    Message call = methodCall(ref, kAccessible, "GetChildAtIndex");
+    dbus_int32_t i = index;
+    if (call) dbus_message_append_args(call.get(), DBUS_TYPE_INT32, &i, DBUS_TYPE_INVALID);
+    return call;
+}
+
+Message accessiblePropertiesCall(const ObjectRef& ref) {
+    Message call = methodCall(ref, kProperties, "GetAll");
+    const char* interface = kAccessible;
+    if (call) dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &interface, DBUS_TYPE_INVALID);
+    return call;
+}
+
+Message extentsCall(const ObjectRef& ref) {
+    Message call = methodCall(ref, kComponent, "GetExtents");
+    dbus_uint32_t coordinates = kScreenCoordinates;
+    if (call)
+        dbus_message_append_args(call.get(), DBUS_TYPE_UINT32, &coordinates, DBUS_TYPE_INVALID);
+    return call;
+}
+
+Message textCall(const ObjectRef& ref) {
+    // An end offset of -1 means the end of the text.
+    Message call = methodCall(ref, kText, "GetText");
+    dbus_int32_t start = 0, end = -1;
+    if (call)
+        dbus_message_append_args(call.get(), DBUS_TYPE_INT32, &start, DBUS_TYPE_INT32, &end,
+                                 DBUS_TYPE_INVALID);
+    return call;
+}
+
+Message currentValueCall(const ObjectRef& ref) {
+    Message call = methodCall(ref, kProperties, "Get");
+    const char* interface = kValue;
+    const char* property = "CurrentValue";
+    if (call)
+        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &interface, DBUS_TYPE_STRING,
+                                 &property, DBUS_TYPE_INVALID);
+    return call;
+}
+
+std::optional<int> parseRole(DBusMessage* reply) {
+    if (!isReply(reply, "u")) return std::nullopt;
+    dbus_uint32_t role = 0;
+    dbus_message_get_args(reply, nullptr, DBUS_TYPE_UINT32, &role, DBUS_TYPE_INVALID);
+    return static_cast<int>(role);
+}
+
+std::optional<StateBits> parseStates(DBusMessage* reply) {
+    if (!isReply(reply, "au")) return std::nullopt;
+    DBusMessageIter iter, words;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &words);
+    StateBits states = 0;
+    for (int word = 0; word < 2 && dbus_message_iter_get_arg_type(&words) == DBUS_TYPE_UINT32;
+         ++word) {
+        dbus_uint32_t bits = 0;
+        dbus_message_iter_get_basic(&words, &bits);
+        states |= static_cast<StateBits>(bits) << (32 * word);
+        dbus_message_iter_next(&words);
+    }
+    return states;
+}
+
+std::optional<std::vector<std::string>> parseInterfaces(DBusMessage* reply) {
+    if (!isReply(reply, "as")) return std::nullopt;
+    DBusMessageIter iter, names;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &names);
+    std::vector<std::string> interfaces;
+    while (dbus_message_iter_get_arg_type(&names) == DBUS_TYPE_STRING) {
+        interfaces.push_back(basicString(&names));
+        dbus_message_iter_next(&names);
+    }
+    return interfaces;
+}
+
+AccessibleProperties parseAccessibleProperties(DBusMessage* reply) {
+    AccessibleProperties properties;
+    if (!isReply(reply, "a{sv}")) return properties;
+    DBusMessageIter iter, entries;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &entries);
+    while (dbus_message_iter_get_arg_type(&entries) == DBUS_TYPE_DICT_ENTRY) {
+        DBusMessageIter entry, variant;
+        dbus_message_iter_recurse(&entries, &entry);
+        std::string key = basicString(&entry);
+        dbus_message_iter_next(&entry);
+        dbus_message_iter_recurse(&entry, &variant);
+        int type = dbus_message_iter_get_arg_type(&variant);
+        if (key == "Name" && type == DBUS_TYPE_STRING) {
+            properties.name = basicString(&variant);
+        } else if (key == "Description" && type == DBUS_TYPE_STRING) {
+            properties.description = basicString(&variant);
+        } else if (key == "ChildCount" && type == DBUS_TYPE_INT32) {
+            dbus_int32_t count = 0;
+            dbus_message_iter_get_basic(&variant, &count);
+            properties.childCount = count;
+        }
+        dbus_message_iter_next(&entries);
+    }
+    return properties;
+}
+
+std::optional<Extents> parseExtents(DBusMessage* reply) {
+    if (!isReply(reply, "(iiii)")) return std::nullopt;
+    DBusMessageIter iter, fields;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &fields);
+    dbus_int32_t values[4] = {0, 0, 0, 0};
+    for (dbus_int32_t& value : values) {
+        dbus_message_iter_get_basic(&fields, &value);
+        dbus_message_iter_next(&fields);
+    }
+    return Extents{values[0], values[1], values[2], values[3]};
+}
+
+std::optional<std::string> parseText(DBusMessage* reply) {
+    if (!isReply(reply, "s")) return std::nullopt;
+    DBusMessageIter iter;
+    dbus_message_iter_init(reply, &iter);
+    return basicString(&iter);
+}
+
+std::optional<double> parseCurrentValue(DBusMessage* reply) {
+    if (!isReply(reply, "v")) return std::nullopt;
+    DBusMessageIter iter, variant;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &variant);
+    if (dbus_message_iter_get_arg_type(&variant) != DBUS_TYPE_DOUBLE) return std::nullopt;
+    double value = 0;
+    dbus_message_iter_get_basic(&variant, &value);
+    return value;
+}
+
+std::optional<std::vector<ObjectRef>> parseChildren(DBusMessage* reply) {
+    if (!isReply(reply, "a(so)")) return std::nullopt;
+    DBusMessageIter iter, refs;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &refs);
+    std::vector<ObjectRef> children;
+    while (dbus_message_iter_get_arg_type(&refs) == DBUS_TYPE_STRUCT) {
+        children.push_back(readRef(&refs));
+        dbus_message_iter_next(&refs);
+    }
+    return children;
+}
+
+std::optional<ObjectRef> parseChild(DBusMessage* reply) {
+    if (!isReply(reply, "(so)")) return std::nullopt;
+    DBusMessageIter iter;
+    dbus_message_iter_init(reply, &iter);
+    return readRef(&iter);
+}
+
+CallBatch::CallBatch(DBusConnection* connection, int timeoutMs)
+    : connection_(connection), timeoutMs_(timeoutMs) {}
+
+CallBatch::~CallBatch() {
+    for (DBusPendingCall* pending : pending_) {
+        if (!pending) continue;
+        dbus_pending_call_cancel(pending);
+        dbus_pending_call_unref(pending);
+    }
+    for (DBusMessage* reply : replies_)
+        if (reply) dbus_message_unref(reply);
+}
+
+size_t CallBatch::add(Message call) {
+    DBusPendingCall* pending = nullptr;
+    if (call && connection_ &&
+        !dbus_connection_send_with_reply(connection_, call.get(), &pending, timeoutMs_))
+        pending = nullptr;
+    pending_.push_back(pending);
+    replies_.push_back(nullptr);
+    return pending_.size() - 1;
+}
+
+void CallBatch::wait() {
+    for (size_t i = 0; i < pending_.size(); ++i) {
+        DBusPendingCall* pending = pending_[i];
+        if (!pending) continue;
+        dbus_pending_call_block(pending);
+        DBusMessage* reply = dbus_pending_call_steal_reply(pending);
+        dbus_pending_call_unref(pending);
+        pending_[i] = nullptr;
+        if (reply && dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_ERROR) {
+            const char* name = dbus_message_get_error_name(reply);
+            if (name && (!std::strcmp(name, DBUS_ERROR_NO_REPLY) ||
+                         !std::strcmp(name, DBUS_ERROR_TIMEOUT) ||
+                         !std::strcmp(name, DBUS_ERROR_TIMED_OUT)))
+                timedOut_ = true;
+            dbus_message_unref(reply);
+            reply = nullptr;
+        }
+        replies_[i] = reply;
+    }
+}
+
+DBusMessage* CallBatch::reply(size_t index) const {
+    return index < replies_.size() ? replies_[index] : nullptr;
+}
+
+Message callAndWait(DBusConnection* connection, Message call, int timeoutMs, bool* timedOut) {
+    CallBatch batch(connection, timeoutMs);
+    size_t index = batch.add(std::move(call));
+    batch.wait();
+    if (timedOut) *timedOut = batch.timedOut();
+    DBusMessage* reply = batch.reply(index);
+    if (reply) dbus_message_ref(reply);
+    return Message(reply);
+}
+
+}  // namespace quorvel::linux_backend

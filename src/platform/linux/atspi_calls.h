@@ -1,0 +1,99 @@
+// AT-SPI method calls sent straight over the accessibility bus, many at a
+// time. libatspi waits for each reply before it sends the next request; the
+// tree scan instead sends a whole level of requests and then collects the
+// replies, so the round trips overlap. Live reads use the same calls one at a
+// time, so both paths read exactly the same things.
+#pragma once
+
+#include <dbus/dbus.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/linux/roles.h"
+
+namespace quorvel::linux_backend {
+
+// One accessible object: the bus name of its application and its path.
+struct ObjectRef {
+    std::string bus;
+    std::string path;
+    friend bool operator==(const ObjectRef&, const ObjectRef&) = default;
+};
+
+struct Extents {
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+};
+
+struct MessageRelease {
+    void operator()(DBusMessage* message) const { dbus_message_unref(message); }
+};
+using Message = std::unique_ptr<DBusMessage, MessageRelease>;
+
+// Requests. Each names one AT-SPI method of the object.
+Message roleCall(const ObjectRef&);
+Message stateCall(const ObjectRef&);
+Message interfacesCall(const ObjectRef&);
+Message accessiblePropertiesCall(const ObjectRef&);  // name, description, child count
+Message extentsCall(const ObjectRef&);                // screen coordinates
+Message textCall(const ObjectRef&);                   // the whole text
+Message currentValueCall(const ObjectRef&);
+Message childrenCall(const ObjectRef&);
+Message childAtIndexCall(const ObjectRef&, int index);
+
+// Replies. Each is empty when the call failed or the reply is not of the
+// expected type.
+std::optional<int> parseRole(DBusMessage*);
+std::optional<StateBits> parseStates(DBusMessage*);
+std::optional<std::vector<std::string>> parseInterfaces(DBusMessage*);
+struct AccessibleProperties {
+    std::optional<std::string> name;
+    std::optional<std::string> description;
+    std::optional<int> childCount;
+};
+AccessibleProperties parseAccessibleProperties(DBusMessage*);
+std::optional<Extents> parseExtents(DBusMessage*);
+std::optional<std::string> parseText(DBusMessage*);
+std::optional<double> parseCurrentValue(DBusMessage*);
+std::optional<std::vector<ObjectRef>> parseChildren(DBusMessage*);
+std::optional<ObjectRef> parseChild(DBusMessage*);
+
+// A set of calls in flight on one connection. Every call is written as soon
+// as it is added; `wait` then collects the replies. Each call has its own
+// time-out, counted from when it was sent.
+class CallBatch {
+public:
+    CallBatch(DBusConnection* connection, int timeoutMs);
+    ~CallBatch();
+    CallBatch(const CallBatch&) = delete;
+    CallBatch& operator=(const CallBatch&) = delete;
+
+    // Sends the call; the index names its reply. A call that cannot be sent
+    // has no reply.
+    size_t add(Message call);
+    // Blocks until every call has its reply or has timed out.
+    void wait();
+    // The reply of call `index` after `wait`; null when it failed.
+    DBusMessage* reply(size_t index) const;
+    // Whether some application did not answer in time.
+    bool timedOut() const { return timedOut_; }
+    size_t size() const { return pending_.size(); }
+
+private:
+    DBusConnection* connection_;
+    int timeoutMs_;
+    std::vector<DBusPendingCall*> pending_;
+    std::vector<DBusMessage*> replies_;
+    bool timedOut_ = false;
+};
+
+// One call, sent and waited for.
+Message callAndWait(DBusConnection*, Message call, int timeoutMs, bool* timedOut = nullptr);
+
+}  // namespace quorvel::linux_backend

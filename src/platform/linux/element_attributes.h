@@ -1,0 +1,36 @@
+// The accessibility attributes the core asks for ("AXRole", "AXValue",
+// "AXPosition", ...), answered from what AT-SPI says about one element.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/linux/atspi_calls.h"
+#include "platform/platform.h"
+
+namespace quorvel::linux_backend {
+
+// What AT-SPI says about one element. An answer is empty when the
+// application could not give it (no such interface, a failed or timed-out
+// call). Live facts ask the application on every call; the tree scan's
+// facts come from its prefetch.
+class ElementFacts {
+public:
+    virtual ~ElementFacts() = default;
+    virtual std::optional<int> role() = 0;  // an AtspiRole
+    virtual std::optional<StateBits> states() = 0;
+    virtual std::optional<std::string> name() = 0;
+    virtual std::optional<std::string> description() = 0;
+    virtual std::optional<Extents> extents() = 0;
+    // The Text interface's whole text. Never called for password text.
+    virtual std::optional<std::string> text() = 0;
+    virtual std::optional<double> currentValue() = 0;
+    virtual std::optional<ElementList> children() = 0;
+};
+
+// One attribute of an ordinary element. Attributes of an application
+// ("AXFocusedWindow", "AXFocusedUIElement") are not answered here.
+AttributeRead readAttribute(ElementFacts&, std::string_view attribute);
+
+}  // namespace quorvel::linux_backend

@@ -1,0 +1,142 @@
+// The Linux desktop: AT-SPI2 for accessibility, Xlib with the window
+// manager's EWMH properties for the foreground window and the window list,
+// Composite for window images, Tesseract for text recognition. The event
+// side (XTest) lives in XInput; this class forwards to it one for one.
+#include <thread>
+#include <chrono>
+
+#include "platform/linux/accessibility.h"
+#include "platform/linux/text_recognition.h"
+#include "platform/linux/x_capture.h"
+#include "platform/linux/x_display.h"
+#include "platform/linux/x_input.h"
+#include "platform/platform.h"
+
+namespace quorvel {
+namespace linux_backend {
+namespace {
+
+class CapturedImage final : public ImageObject {
+public:
+    explicit CapturedImage(Pixels pixels) : pixels(std::move(pixels)) {}
+    Pixels pixels;
+};
+
+class LinuxPlatform final : public Platform {
+public:
+    LinuxPlatform()
+        : accessibility_([this] { return display_.rootTextProperty("AT_SPI_BUS"); }) {}
+
+    std::string name() const override { return "linux"; }
+    std::string accessibilityPermissionMessage() const override {
+        return "Start the AT-SPI accessibility bus in this desktop session, then retry.";
+    }
+    std::string screenCapturePermissionMessage() const override {
+        return "Open an X display that this process can read, then retry.";
+    }
+
+    bool isProcessTrusted() override { return accessibility_.reachable(); }
+    bool preflightScreenCaptureAccess() override { return display_.get() != nullptr; }
+
+    Application frontmostApplication() override {
+        std::optional<XWindowId> active = display_.activeWindow();
+        if (!active) return nullptr;
+        // A window without a process id cannot be tied to an application on
+        // the accessibility bus; it is still a foreground window.
+        std::int64_t pid = display_.windowPid(*active).value_or(-1);
+        if (pid > INT32_MAX) pid = -1;
+        return accessibility_.application(static_cast<std::int32_t>(pid));
+    }
+    std::int32_t processIdentifier(const Application& app) override {
+        auto* handle = dynamic_cast<const AtspiApplicationHandle*>(app.get());
+        return handle ? handle->pid() : -1;
+    }
+    std::optional<std::string> localizedName(const Application& app) override {
+        return accessibility_.applicationName(app);
+    }
+
+    Element createApplicationElement(std::int32_t pid) override {
+        return accessibility_.applicationElement(pid);
+    }
+    void setMessagingTimeout(const Element&, float seconds) override {
+        accessibility_.setTimeout(seconds);
+    }
+    AttributeRead copyAttributeValue(const Element& element, std::string_view attribute) override {
+        return accessibility_.read(element, attribute);
+    }
+    AXError isAttributeSettable(const Element& element, std::string_view attribute,
+                                bool& settable) override {
+        return accessibility_.isSettable(element, attribute, settable);
+    }
+    AXError setAttributeValue(const Element& element, std::string_view attribute,
+                              const std::string& text) override {
+        return accessibility_.setText(element, attribute, text);
+    }
+    bool equal(const Element& a, const Element& b) override { return accessibility_.equal(a, b); }
+    void beginTreeScan(const Element& root) override { accessibility_.beginTreeScan(root); }
+    void endTreeScan() override { accessibility_.endTreeScan(); }
+
+    std::optional<std::vector<WindowListEntry>> copyWindowInfo(std::uint32_t options,
+                                                               std::uint32_t) override {
+        return display_.windowList((options & kCGWindowListOptionOnScreenOnly) != 0,
+                                   (options & kCGWindowListExcludeDesktopElements) != 0);
+    }
+    Image createWindowImage(const Rect& screenBounds, std::uint32_t, std::uint32_t windowID,
+                            std::uint32_t) override {
+        std::optional<Pixels> pixels = captureWindow(display_.get(), windowID, screenBounds);
+        if (!pixels) return nullptr;
+        return std::make_shared<CapturedImage>(std::move(*pixels));
+    }
+    std::optional<std::vector<std::uint8_t>> copyImageData(const Image& image) override {
+        auto* captured = dynamic_cast<const CapturedImage*>(image.get());
+        if (!captured || captured->pixels.bgra.empty()) return std::nullopt;
+        return captured->pixels.bgra;
+    }
+    std::vector<TextObservation> recognizeText(const Image& image) override {
+        auto* captured = dynamic_cast<const CapturedImage*>(image.get());
+        if (!captured) return {};
+        return recognizer_.recognize(captured->pixels);
+    }
+
+    std::optional<Point> pointerLocation() override { return input_.pointerLocation(); }
+    Event createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) override {
+        return input_.createKeyboardEvent(virtualKey, keyDown);
+    }
+    Event createMouseEvent(MouseEventType type, Point location, MouseButton button) override {
+        return input_.createMouseEvent(type, location, button);
+    }
+    Event createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
+                                 std::int32_t wheel2, std::int32_t wheel3) override {
+        return input_.createScrollWheelEvent(unit, wheelCount, wheel1, wheel2, wheel3);
+    }
+    void setFlags(EventObject& event, EventFlags flags) override { input_.setFlags(event, flags); }
+    void setUnicodeString(EventObject& event, std::span<const char16_t> text) override {
+        input_.setUnicodeString(event, text);
+    }
+    void setIntegerValueField(EventObject& event, EventField field, std::int64_t value) override {
+        input_.setIntegerValueField(event, field, value);
+    }
+    void post(EventTap tap, EventObject& event) override { input_.post(tap, event); }
+
+    void sleep(double seconds) override {
+        if (seconds > 0) std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    }
+
+private:
+    // The display outlives the accessibility side, which may read the bus
+    // address from its root window.
+    XDisplay display_;
+    Accessibility accessibility_;
+    TextRecognizer recognizer_;
+    XInput input_;
+};
+
+}  // namespace
+}  // namespace linux_backend
+
+Platform& systemPlatform() {
+    static linux_backend::LinuxPlatform platform;
+    return platform;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,104 @@
+#include "platform/linux/roles.h"
+
+#include <atspi/atspi.h>
+
+#include <unordered_map>
+
+namespace quorvel::linux_backend {
+namespace {
+
+const std::unordered_map<int, const char*>& roleNames() {
+    static const std::unordered_map<int, const char*> names{
+        {ATSPI_ROLE_APPLICATION, "AXApplication"},
+        {ATSPI_ROLE_FRAME, "AXWindow"},
+        {ATSPI_ROLE_WINDOW, "AXWindow"},
+        {ATSPI_ROLE_DIALOG, "AXWindow"},
+        {ATSPI_ROLE_ALERT, "AXWindow"},
+        {ATSPI_ROLE_PUSH_BUTTON, "AXButton"},
+        {ATSPI_ROLE_PUSH_BUTTON_MENU, "AXMenuButton"},
+        {ATSPI_ROLE_TOGGLE_BUTTON, "AXCheckBox"},
+        {ATSPI_ROLE_CHECK_BOX, "AXCheckBox"},
+        {ATSPI_ROLE_RADIO_BUTTON, "AXRadioButton"},
+        {ATSPI_ROLE_PAGE_TAB, "AXRadioButton"},
+        {ATSPI_ROLE_PAGE_TAB_LIST, "AXTabGroup"},
+        {ATSPI_ROLE_LABEL, "AXStaticText"},
+        {ATSPI_ROLE_STATIC, "AXStaticText"},
+        {ATSPI_ROLE_CAPTION, "AXStaticText"},
+        {ATSPI_ROLE_ACCELERATOR_LABEL, "AXStaticText"},
+        {ATSPI_ROLE_HEADING, "AXHeading"},
+        {ATSPI_ROLE_ENTRY, "AXTextField"},
+        {ATSPI_ROLE_PASSWORD_TEXT, "AXTextField"},
+        {ATSPI_ROLE_TERMINAL, "AXTextArea"},
+        {ATSPI_ROLE_SPIN_BUTTON, "AXIncrementor"},
+        {ATSPI_ROLE_COMBO_BOX, "AXComboBox"},
+        {ATSPI_ROLE_SLIDER, "AXSlider"},
+        {ATSPI_ROLE_DIAL, "AXSlider"},
+        {ATSPI_ROLE_SCROLL_BAR, "AXScrollBar"},
+        {ATSPI_ROLE_SCROLL_PANE, "AXScrollArea"},
+        {ATSPI_ROLE_PROGRESS_BAR, "AXProgressIndicator"},
+        {ATSPI_ROLE_LEVEL_BAR, "AXLevelIndicator"},
+        {ATSPI_ROLE_LIST, "AXList"},
+        {ATSPI_ROLE_LIST_BOX, "AXList"},
+        {ATSPI_ROLE_TABLE, "AXTable"},
+        {ATSPI_ROLE_TREE, "AXOutline"},
+        {ATSPI_ROLE_TREE_TABLE, "AXOutline"},
+        {ATSPI_ROLE_TABLE_ROW, "AXRow"},
+        {ATSPI_ROLE_TREE_ITEM, "AXRow"},
+        {ATSPI_ROLE_TABLE_CELL, "AXCell"},
+        {ATSPI_ROLE_MENU_BAR, "AXMenuBar"},
+        {ATSPI_ROLE_MENU, "AXMenu"},
+        {ATSPI_ROLE_POPUP_MENU, "AXMenu"},
+        {ATSPI_ROLE_MENU_ITEM, "AXMenuItem"},
+        {ATSPI_ROLE_CHECK_MENU_ITEM, "AXMenuItem"},
+        {ATSPI_ROLE_RADIO_MENU_ITEM, "AXMenuItem"},
+        {ATSPI_ROLE_TEAROFF_MENU_ITEM, "AXMenuItem"},
+        {ATSPI_ROLE_TOOL_BAR, "AXToolbar"},
+        {ATSPI_ROLE_TOOL_TIP, "AXHelpTag"},
+        {ATSPI_ROLE_SPLIT_PANE, "AXSplitGroup"},
+        {ATSPI_ROLE_PANEL, "AXGroup"},
+        {ATSPI_ROLE_FILLER, "AXGroup"},
+        {ATSPI_ROLE_GROUPING, "AXGroup"},
+        {ATSPI_ROLE_SECTION, "AXGroup"},
+        {ATSPI_ROLE_FORM, "AXGroup"},
+        {ATSPI_ROLE_IMAGE, "AXImage"},
+        {ATSPI_ROLE_ICON, "AXImage"},
+        {ATSPI_ROLE_LINK, "AXLink"},
+        {ATSPI_ROLE_DATE_EDITOR, "AXDateField"},
+        {ATSPI_ROLE_DOCUMENT_WEB, "AXWebArea"},
+    };
+    return names;
+}
+
+}  // namespace
+
+std::string axRole(int atspiRole, StateBits states) {
+    if (atspiRole == ATSPI_ROLE_TEXT)
+        return hasState(states, ATSPI_STATE_SINGLE_LINE) ? "AXTextField" : "AXTextArea";
+    auto it = roleNames().find(atspiRole);
+    if (it != roleNames().end()) return it->second;
+    gchar* name = atspi_role_get_name(static_cast<AtspiRole>(atspiRole));
+    std::string raw = name ? name : "unknown";
+    g_free(name);
+    return raw;
+}
+
+std::optional<std::string> axSubrole(int atspiRole) {
+    if (atspiRole == ATSPI_ROLE_PASSWORD_TEXT) return "AXSecureTextField";
+    return std::nullopt;
+}
+
+bool isPasswordRole(int atspiRole) { return atspiRole == ATSPI_ROLE_PASSWORD_TEXT; }
+
+bool isTextRole(int atspiRole) {
+    switch (atspiRole) {
+        case ATSPI_ROLE_TEXT:
+        case ATSPI_ROLE_ENTRY:
+        case ATSPI_ROLE_PASSWORD_TEXT:
+        case ATSPI_ROLE_TERMINAL:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace quorvel::linux_backend

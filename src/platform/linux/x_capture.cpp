@@ -1,0 +1,147 @@
+#include "platform/linux/x_capture.h"
+
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <X11/extensions/Xcomposite.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+
+#include "platform/linux/x_errors.h"
+
+namespace quorvel::linux_backend {
+namespace {
+
+// The child of the root that holds `window`: the window manager's frame, or
+// the window itself when it is not reparented.
+::Window topLevelOf(Display* display, ::Window window) {
+    ::Window root = DefaultRootWindow(display);
+    for (int depth = 0; depth < 64; ++depth) {
+        ::Window rootReturn = None, parent = None, *children = nullptr;
+        unsigned int count = 0;
+        XErrorTrap trap(display);
+        Status ok = XQueryTree(display, window, &rootReturn, &parent, &children, &count);
+        if (children) XFree(children);
+        if (trap.failed() || !ok) return None;
+        if (parent == root || parent == None) return window;
+        window = parent;
+    }
+    return None;
+}
+
+bool compositeAvailable(Display* display) {
+    int event = 0, error = 0, major = 0, minor = 2;
+    if (!XCompositeQueryExtension(display, &event, &error)) return false;
+    // NameWindowPixmap came with version 0.2.
+    return XCompositeQueryVersion(display, &major, &minor) && (major > 0 || minor >= 2);
+}
+
+// One 8-bit channel of a pixel, from its mask.
+std::uint8_t channel(unsigned long pixel, unsigned long mask) {
+    if (!mask) return 0;
+    int shift = std::countr_zero(mask);
+    unsigned long value = (pixel & mask) >> shift;
+    unsigned long maximum = mask >> shift;
+    return static_cast<std::uint8_t>(maximum == 255 ? value : value * 255 / maximum);
+}
+
+}  // namespace
+
+void copyToBgra(const XImage& image, Pixels& out, int x, int y) {
+    const bool direct = image.bits_per_pixel == 32 && image.byte_order == LSBFirst &&
+                        image.red_mask == 0xff0000 && image.green_mask == 0xff00 &&
+                        image.blue_mask == 0xff;
+    for (int row = 0; row < image.height; ++row) {
+        std::uint8_t* target =
+            out.bgra.data() + (static_cast<size_t>(y + row) * out.width + x) * 4;
+        if (direct) {
+            // Already blue, green, red, pad in memory: copy, then make the
+            // pad byte (undefined in X) opaque.
+            std::memcpy(target, image.data + static_cast<size_t>(row) * image.bytes_per_line,
+                        static_cast<size_t>(image.width) * 4);
+            for (int col = 0; col < image.width; ++col) target[col * 4 + 3] = 255;
+            continue;
+        }
+        for (int col = 0; col < image.width; ++col) {
+            unsigned long pixel = XGetPixel(const_cast<XImage*>(&image), col, row);
+            target[col * 4 + 0] = channel(pixel, image.blue_mask);
+            target[col * 4 + 1] = channel(pixel, image.green_mask);
+            target[col * 4 + 2] = channel(pixel, image.red_mask);
+            target[col * 4 + 3] = 255;
+        }
+    }
+}
+
+std::optional<Pixels> captureWindow(Display* display, unsigned long window,
+                                    const Rect& screenBounds) {
+    if (!display || !window) return std::nullopt;
+    const long width = std::lround(std::fabs(screenBounds.width));
+    const long height = std::lround(std::fabs(screenBounds.height));
+    const long left = std::lround(std::min(screenBounds.x, screenBounds.x + screenBounds.width));
+    const long top = std::lround(std::min(screenBounds.y, screenBounds.y + screenBounds.height));
+    if (width <= 0 || height <= 0 || width > 32768 || height > 32768) return std::nullopt;
+
+    ::Window frame = topLevelOf(display, window);
+    if (frame == None) return std::nullopt;
+    XWindowAttributes attributes;
+    {
+        XErrorTrap trap(display);
+        if (!XGetWindowAttributes(display, frame, &attributes) || trap.failed())
+            return std::nullopt;
+    }
+    if (attributes.map_state != IsViewable) return std::nullopt;
+
+    // Where the source lies in root coordinates, and its size (the border
+    // included, as in a window's pixmap).
+    const bool composite = compositeAvailable(display);
+    long sourceX = attributes.x, sourceY = attributes.y;
+    long sourceWidth = attributes.width + 2L * attributes.border_width;
+    long sourceHeight = attributes.height + 2L * attributes.border_width;
+    if (!composite) {
+        sourceX = 0;
+        sourceY = 0;
+        sourceWidth = DisplayWidth(display, DefaultScreen(display));
+        sourceHeight = DisplayHeight(display, DefaultScreen(display));
+    }
+
+    Pixels pixels;
+    pixels.width = static_cast<int>(width);
+    pixels.height = static_cast<int>(height);
+    pixels.bgra.assign(static_cast<size_t>(width) * height * 4, 0);
+    for (size_t i = 3; i < pixels.bgra.size(); i += 4) pixels.bgra[i] = 255;
+
+    // The part of the requested area that the source covers.
+    const long x0 = std::max(left, sourceX), y0 = std::max(top, sourceY);
+    const long x1 = std::min(left + width, sourceX + sourceWidth);
+    const long y1 = std::min(top + height, sourceY + sourceHeight);
+    if (x1 <= x0 || y1 <= y0) return pixels;
+
+    XErrorTrap trap(display);
+    Drawable source = DefaultRootWindow(display);
+    Pixmap pixmap = None;
+    if (composite) {
+        // Redirecting gives the window off-screen storage holding its own
+        // contents; automatic redirection keeps it painted on screen too, and
+        // undoing it leaves other clients' redirections alone.
+        XCompositeRedirectWindow(display, frame, CompositeRedirectAutomatic);
+        pixmap = XCompositeNameWindowPixmap(display, frame);
+        source = pixmap;
+    }
+    XImage* image = XGetImage(display, source, static_cast<int>(x0 - sourceX),
+                              static_cast<int>(y0 - sourceY), static_cast<unsigned>(x1 - x0),
+                              static_cast<unsigned>(y1 - y0), AllPlanes, ZPixmap);
+    if (pixmap != None) XFreePixmap(display, pixmap);
+    if (composite) XCompositeUnredirectWindow(display, frame, CompositeRedirectAutomatic);
+    bool failed = trap.failed();
+    if (!image || failed) {
+        if (image) XDestroyImage(image);
+        return std::nullopt;
+    }
+    copyToBgra(*image, pixels, static_cast<int>(x0 - left), static_cast<int>(y0 - top));
+    XDestroyImage(image);
+    return pixels;
+}
+
+}  // namespace quorvel::linux_backend

@@ -1,0 +1,65 @@
+// The X side of the read half: the display connection and the window
+// manager's view of the windows (EWMH properties).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/platform.h"
+
+struct _XDisplay;
+
+namespace quorvel::linux_backend {
+
+using XWindowId = unsigned long;
+
+// Layers of the window list. Normal windows are on layer 0, the only one the
+// foreground match accepts; the others keep panels, the desktop and windows
+// kept above or below out of it.
+inline constexpr std::int64_t kDesktopLayer = -20;
+inline constexpr std::int64_t kBelowLayer = -1;
+inline constexpr std::int64_t kNormalLayer = 0;
+inline constexpr std::int64_t kAboveLayer = 3;
+inline constexpr std::int64_t kDockLayer = 20;
+
+// _NET_FRAME_EXTENTS: what the window manager's frame adds on each side.
+struct FrameExtents {
+    long left = 0;
+    long right = 0;
+    long top = 0;
+    long bottom = 0;
+};
+
+// A client window's bounds with the frame around it, in root coordinates:
+// what GTK and the other toolkits report to AT-SPI as a top-level's extents.
+Rect framedBounds(int clientX, int clientY, int width, int height, const FrameExtents&);
+
+class XDisplay {
+public:
+    XDisplay() = default;
+    ~XDisplay();
+    XDisplay(const XDisplay&) = delete;
+    XDisplay& operator=(const XDisplay&) = delete;
+
+    // The connection to $DISPLAY, opened on first use; null without one.
+    _XDisplay* get();
+
+    // _NET_ACTIVE_WINDOW; empty when no window is active.
+    std::optional<XWindowId> activeWindow();
+    // _NET_WM_PID of a client window.
+    std::optional<std::int64_t> windowPid(XWindowId);
+    // The on-screen windows, front to back (_NET_CLIENT_LIST_STACKING);
+    // empty when the window manager publishes no list.
+    std::optional<std::vector<WindowListEntry>> windowList(bool onScreenOnly,
+                                                           bool excludeDesktop);
+    // A text property of the root window (the accessibility bus address).
+    std::optional<std::string> rootTextProperty(const char* name);
+
+private:
+    _XDisplay* display_ = nullptr;
+    bool opened_ = false;
+};
+
+}  // namespace quorvel::linux_backend
