@@ -131,6 +131,11 @@ std::string writeJson(const Json& value) {
 }
 
 Json parseJson(std::string_view text) {
+    // The parser takes a raw NUL byte for the end of the input and would
+    // accept a request followed by one and anything at all. No JSON text
+    // holds a raw NUL, so such input is refused whole.
+    if (text.find('\0') != std::string_view::npos)
+        throw std::invalid_argument("raw NUL byte in JSON text");
     return Json::parse(text.begin(), text.end());
 }
 

@@ -28,7 +28,8 @@ public:
 // Throws JsonWriteError when the value cannot be written.
 std::string writeJson(const Json& value);
 
-// Parses one JSON text; throws nlohmann's parse errors.
+// Parses one JSON text; throws nlohmann's parse errors, or
+// std::invalid_argument for a text that holds a raw NUL byte.
 Json parseJson(std::string_view text);
 
 }  // namespace quorvel
