@@ -15,3 +15,8 @@ target_link_libraries(quorvel_platform PUBLIC quorvel_core)
 pkg_check_modules(QUORVEL_LINUX_READ REQUIRED IMPORTED_TARGET
   atspi-2 dbus-1 glib-2.0 gobject-2.0 x11 xcomposite tesseract lept)
 target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_LINUX_READ)
+
+# XTest input: Xlib and XTest, xkbcommon's character-to-keysym table, and
+# AT-SPI for reading the focused editor while typing.
+pkg_check_modules(QUORVEL_XINPUT REQUIRED IMPORTED_TARGET x11 xtst xkbcommon atspi-2)
+target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_XINPUT)

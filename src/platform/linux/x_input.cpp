@@ -1,22 +1,262 @@
-// Placeholder until XTest input lands: no event can be created, so every
-// input request is refused with its "Unable to create ..." message and
-// nothing is ever posted.
 #include "platform/linux/x_input.h"
 
-namespace quorvel::linux_backend {
+#include <X11/Xlib.h>
+#include <X11/extensions/XTest.h>
+#include <X11/keysym.h>
 
-XInput::XInput() = default;
-XInput::~XInput() = default;
-std::optional<Point> XInput::pointerLocation() { return std::nullopt; }
-Event XInput::createKeyboardEvent(std::uint16_t, bool) { return nullptr; }
-Event XInput::createMouseEvent(MouseEventType, Point, MouseButton) { return nullptr; }
-Event XInput::createScrollWheelEvent(ScrollUnit, std::uint32_t, std::int32_t, std::int32_t,
-                                     std::int32_t) {
-    return nullptr;
+#include <cmath>
+#include <cstdlib>
+#include <string>
+
+#include "platform/linux/x_errors.h"
+#include "platform/linux/x_input_typing.h"
+
+namespace quorvel::linux_backend {
+namespace {
+
+constexpr EventFlags kFlagShift = 0x00020000;
+constexpr EventFlags kFlagControl = 0x00040000;
+constexpr EventFlags kFlagAlternate = 0x00080000;
+constexpr std::uint16_t kVirtualKeyLeftBracket = 33;
+
+struct VirtualKey {
+    std::uint16_t code;
+    KeySym keysym;
+};
+// The virtual keys the bridge sends (the key-name table and select-all).
+constexpr VirtualKey kVirtualKeys[] = {
+    {0, XK_a}, {33, XK_bracketleft}, {36, XK_Return}, {48, XK_Tab}, {53, XK_Escape},
+};
+
+constexpr unsigned kLeftButton = 1;
+constexpr unsigned kWheelUp = 4;
+constexpr unsigned kWheelDown = 5;
+
+struct InputEvent final : EventObject {
+    enum class Kind { Key, Mouse, Scroll } kind;
+    explicit InputEvent(Kind k) : kind(k) {}
+    // Key events; a text event carries its characters in `text`.
+    std::uint16_t virtualKey = 0;
+    bool down = false;
+    EventFlags flags = 0;
+    bool hasText = false;
+    std::u32string text;
+    // Mouse events.
+    Point at;
+    // Scroll events.
+    ScrollUnit unit = ScrollUnit::Pixel;
+    std::int32_t wheel = 0;
+};
+
+InputEvent* ours(EventObject& event) { return dynamic_cast<InputEvent*>(&event); }
+
+std::u32string scalarsOf(std::span<const char16_t> units) {
+    std::u32string out;
+    out.reserve(units.size());
+    for (size_t i = 0; i < units.size(); ++i) {
+        char16_t unit = units[i];
+        bool high = unit >= 0xD800 && unit <= 0xDBFF;
+        if (high && i + 1 < units.size() && units[i + 1] >= 0xDC00 && units[i + 1] <= 0xDFFF) {
+            out += static_cast<char32_t>(0x10000 + ((unit - 0xD800) << 10) + (units[i + 1] - 0xDC00));
+            ++i;
+        } else if (unit >= 0xD800 && unit <= 0xDFFF) {
+            out += U'\uFFFD';
+        } else {
+            out += unit;
+        }
+    }
+    return out;
 }
-void XInput::setFlags(EventObject&, EventFlags) {}
-void XInput::setUnicodeString(EventObject&, std::span<const char16_t>) {}
+
+}  // namespace
+
+struct XInput::Connection {
+    Display* display = nullptr;
+};
+
+int wheelSteps(std::int32_t pixels) {
+    if (pixels == 0) return 0;
+    long magnitude = std::labs(static_cast<long>(pixels));
+    return static_cast<int>(std::max(1L, (magnitude + kPixelsPerWheelStep / 2) / kPixelsPerWheelStep));
+}
+
+std::optional<Chord> chordFor(std::uint16_t virtualKey, EventFlags flags) {
+    const VirtualKey* key = nullptr;
+    for (const VirtualKey& candidate : kVirtualKeys)
+        if (candidate.code == virtualKey) key = &candidate;
+    if (!key) return std::nullopt;
+    Chord chord;
+    chord.keysym = key->keysym;
+    bool command = (flags & kCGEventFlagMaskCommand) != 0;
+    chord.control = command || (flags & kFlagControl) != 0;
+    chord.alt = (flags & kFlagAlternate) != 0;
+    chord.shift = (flags & kFlagShift) != 0;
+    if (command && virtualKey == kVirtualKeyLeftBracket) {
+        chord.keysym = XK_Left;
+        chord.control = (flags & kFlagControl) != 0;
+        chord.alt = true;
+    }
+    return chord;
+}
+
+XInput::XInput() : connection_(std::make_unique<Connection>()) {}
+
+XInput::~XInput() {
+    if (!connection_->display) return;
+    releaseHeld();
+    if (buttonHeld_) XTestFakeButtonEvent(connection_->display, kLeftButton, False, CurrentTime);
+    typist_.reset();
+    XCloseDisplay(connection_->display);
+}
+
+bool XInput::connect() {
+    if (!tried_) {
+        tried_ = true;
+        Display* display = XOpenDisplay(nullptr);
+        int event, error, major, minor;
+        if (display && XTestQueryExtension(display, &event, &error, &major, &minor)) {
+            // A refused request must not end the process, as Xlib's default
+            // handler would.
+            installErrorHandler();
+            connection_->display = display;
+            typist_ = std::make_unique<Typist>(display);
+        } else if (display) {
+            XCloseDisplay(display);
+        }
+    }
+    return connection_->display != nullptr;
+}
+
+void XInput::releaseHeld() {
+    Display* display = connection_->display;
+    for (auto key = heldKeys_.rbegin(); key != heldKeys_.rend(); ++key)
+        XTestFakeKeyEvent(display, *key, False, CurrentTime);
+    heldKeys_.clear();
+}
+
+std::optional<Point> XInput::pointerLocation() {
+    if (!connect()) return std::nullopt;
+    Display* display = connection_->display;
+    Window root = DefaultRootWindow(display), rootReturn, child;
+    int rootX, rootY, x, y;
+    unsigned int mask;
+    if (!XQueryPointer(display, root, &rootReturn, &child, &rootX, &rootY, &x, &y, &mask))
+        return std::nullopt;
+    return Point{static_cast<double>(rootX), static_cast<double>(rootY)};
+}
+
+Event XInput::createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) {
+    if (!connect() || !chordFor(virtualKey, 0)) return nullptr;
+    auto event = std::make_unique<InputEvent>(InputEvent::Kind::Key);
+    event->virtualKey = virtualKey;
+    event->down = keyDown;
+    return event;
+}
+
+Event XInput::createMouseEvent(MouseEventType type, Point location, MouseButton button) {
+    if (!connect() || button != MouseButton::Left) return nullptr;
+    auto event = std::make_unique<InputEvent>(InputEvent::Kind::Mouse);
+    event->down = type == MouseEventType::LeftMouseDown;
+    event->at = location;
+    return event;
+}
+
+Event XInput::createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
+                                     std::int32_t, std::int32_t) {
+    if (!connect() || wheelCount < 1) return nullptr;
+    auto event = std::make_unique<InputEvent>(InputEvent::Kind::Scroll);
+    event->unit = unit;
+    event->wheel = wheel1;
+    return event;
+}
+
+void XInput::setFlags(EventObject& event, EventFlags flags) {
+    if (InputEvent* input = ours(event)) input->flags = flags;
+}
+
+void XInput::setUnicodeString(EventObject& event, std::span<const char16_t> text) {
+    if (InputEvent* input = ours(event); input && input->kind == InputEvent::Kind::Key) {
+        input->hasText = true;
+        input->text = scalarsOf(text);
+    }
+}
+
+// X has no click-state field: a toolkit counts a press that follows another
+// on the same spot within its double-click time as a double click, which is
+// what the second click of a double click is.
 void XInput::setIntegerValueField(EventObject&, EventField, std::int64_t) {}
-void XInput::post(EventTap, EventObject&) {}
+
+void XInput::post(EventTap, EventObject& object) {
+    InputEvent* event = ours(object);
+    if (!event || !connect()) return;
+    Display* display = connection_->display;
+    typist_->honourTermination();
+
+    switch (event->kind) {
+    case InputEvent::Kind::Key: {
+        releaseHeld();
+        if (event->hasText) {
+            // The key-down carries the characters; its key-up adds nothing.
+            if (event->down) typist_->type(event->text);
+            break;
+        }
+        if (!event->down) break;
+        std::optional<Chord> chord = chordFor(event->virtualKey, event->flags);
+        if (!chord) break;
+        // Every key is found before any is pressed, so a key that cannot be
+        // had leaves nothing held.
+        std::vector<KeyCode> keys;
+        bool complete = true;
+        auto add = [&](bool wanted, KeySym modifier) {
+            if (!wanted) return;
+            std::optional<KeyStroke> stroke = typist_->layoutStroke(modifier);
+            if (stroke) keys.push_back(stroke->keycode);
+            else complete = false;
+        };
+        add(chord->control, XK_Control_L);
+        add(chord->alt, XK_Alt_L);
+        std::optional<KeyStroke> main = typist_->strokeFor(chord->keysym);
+        if (!main) complete = false;
+        if (main && (chord->shift || main->shift)) {
+            if (KeyCode shift = typist_->shiftKeycode()) keys.push_back(shift);
+            else complete = false;
+        }
+        if (!complete) {
+            typist_->endBatch();
+            break;
+        }
+        keys.push_back(main->keycode);
+        typist_->flush();  // a borrowed key gets its keysym first
+        for (KeyCode key : keys) {
+            XTestFakeKeyEvent(display, key, True, CurrentTime);
+            heldKeys_.push_back(key);
+        }
+        typist_->endBatch();
+        break;
+    }
+    case InputEvent::Kind::Mouse: {
+        // The pointer goes to the point first, so the press lands in the
+        // window under it, as a real click would.
+        XTestFakeMotionEvent(display, DefaultScreen(display), static_cast<int>(std::floor(event->at.x)),
+                             static_cast<int>(std::floor(event->at.y)), CurrentTime);
+        XTestFakeButtonEvent(display, kLeftButton, event->down ? True : False, CurrentTime);
+        buttonHeld_ = event->down;
+        break;
+    }
+    case InputEvent::Kind::Scroll: {
+        // Positive amounts scroll toward the top of the content, as the
+        // wheel turned away from the user does.
+        int steps = event->unit == ScrollUnit::Pixel ? wheelSteps(event->wheel)
+                                                     : static_cast<int>(std::abs(event->wheel));
+        unsigned button = event->wheel > 0 ? kWheelUp : kWheelDown;
+        for (int i = 0; i < steps; ++i) {
+            XTestFakeButtonEvent(display, button, True, CurrentTime);
+            XTestFakeButtonEvent(display, button, False, CurrentTime);
+        }
+        break;
+    }
+    }
+    XFlush(display);
+}
 
 }  // namespace quorvel::linux_backend

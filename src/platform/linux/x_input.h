@@ -1,15 +1,48 @@
 // The event side of the Linux backend: synthetic keyboard, pointer and wheel
 // input through XTest. The operations mirror the event half of `Platform`, so
 // the backend forwards to them one for one.
+//
+// For the backend that owns an XInput:
+//   - XInput opens its own X connection on first use; when there is no
+//     display or no XTest extension, every event creation returns null.
+//   - Text typing may change the keyboard mapping; the destructor restores
+//     it, so the owner must destroy the XInput before the process exits
+//     (a function-local static is destroyed on return from main).
+//   - While the mapping is changed, SIGINT, SIGTERM, SIGHUP, SIGQUIT and
+//     SIGPIPE are held back and re-raised once it is restored.
+//   - The backend's non-fatal X error handler (x_errors.h) is installed when
+//     the connection opens.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "platform/platform.h"
 
 namespace quorvel::linux_backend {
+
+class Typist;
+
+// One wheel step scrolls GTK and most toolkits by a few lines; a pixel
+// amount is turned into steps of this size, rounded, at least one.
+inline constexpr int kPixelsPerWheelStep = 50;
+// The number of wheel steps for a scroll of `pixels` (sign ignored).
+int wheelSteps(std::int32_t pixels);
+
+// What a key event becomes on X: the key's keysym and the modifiers to hold.
+// Command becomes Control, the shortcut key of Linux applications, and
+// Command + left bracket (back) becomes Alt + Left. Nothing for a virtual
+// key the bridge never sends.
+struct Chord {
+    unsigned long keysym = 0;
+    bool control = false;
+    bool alt = false;
+    bool shift = false;
+};
+std::optional<Chord> chordFor(std::uint16_t virtualKey, EventFlags flags);
 
 class XInput {
 public:
@@ -28,6 +61,20 @@ public:
     void setUnicodeString(EventObject&, std::span<const char16_t>);
     void setIntegerValueField(EventObject&, EventField, std::int64_t);
     void post(EventTap, EventObject&);
+
+    // The typing machinery, once text or a chord needed it (for tests).
+    Typist* typist() { return typist_.get(); }
+
+private:
+    struct Connection;
+    bool connect();
+    void releaseHeld();
+
+    std::unique_ptr<Connection> connection_;
+    bool tried_ = false;
+    std::unique_ptr<Typist> typist_;
+    std::vector<unsigned char> heldKeys_;  // keycodes, in press order
+    bool buttonHeld_ = false;
 };
 
 }  // namespace quorvel::linux_backend

@@ -1,0 +1,320 @@
+#include "platform/linux/x_input_evidence.h"
+
+#include <X11/Xatom.h>
+#include <X11/Xutil.h>
+#include <atspi/atspi.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <deque>
+#include <thread>
+
+#include "platform/linux/x_input_signals.h"
+
+namespace quorvel::linux_backend {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Marks our pings, so that answers to the window manager's own pings, or to
+// another bridge's, are never taken for ours.
+constexpr long kPingMark = 0x51564c;
+
+class PingEvidence final : public HandledEvidence {
+public:
+    PingEvidence(Display* display, Window window)
+        : display_(display),
+          window_(window),
+          protocols_(XInternAtom(display, "WM_PROTOCOLS", False)),
+          ping_(XInternAtom(display, "_NET_WM_PING", False)) {
+        // The application answers on the root window, to whoever listens for
+        // substructure notifications there.
+        XWindowAttributes attributes;
+        long mask = SubstructureNotifyMask;
+        if (XGetWindowAttributes(display, DefaultRootWindow(display), &attributes))
+            mask |= attributes.your_event_mask;
+        XSelectInput(display, DefaultRootWindow(display), mask);
+    }
+
+    void sent(Batch batch) override {
+        XEvent event{};
+        event.xclient.type = ClientMessage;
+        event.xclient.window = window_;
+        event.xclient.message_type = protocols_;
+        event.xclient.format = 32;
+        event.xclient.data.l[0] = static_cast<long>(ping_);
+        event.xclient.data.l[1] = static_cast<long>(batch);
+        event.xclient.data.l[2] = static_cast<long>(window_);
+        event.xclient.data.l[3] = kPingMark;
+        event.xclient.data.l[4] = getpid();
+        XSendEvent(display_, window_, False, NoEventMask, &event);
+        XFlush(display_);
+    }
+
+    Batch confirmed() override {
+        drain();
+        return confirmed_;
+    }
+
+    bool waitFor(Batch batch) override {
+        auto deadline = Clock::now() + kPingPatience;
+        for (;;) {
+            drain();
+            if (confirmed_ >= batch) return true;
+            if (deferred_termination::pending()) return false;
+            auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+            if (left.count() <= 0) return false;
+            pollfd descriptor{ConnectionNumber(display_), POLLIN, 0};
+            poll(&descriptor, 1, static_cast<int>(std::min<long long>(left.count(), 100)));
+        }
+    }
+
+    const char* source() const override { return "ping"; }
+
+private:
+    // Reads every event that has arrived; only our answers matter.
+    void drain() {
+        while (XEventsQueued(display_, QueuedAfterReading) > 0) {
+            XEvent event;
+            XNextEvent(display_, &event);
+            if (event.type != ClientMessage || event.xclient.message_type != protocols_ ||
+                static_cast<Atom>(event.xclient.data.l[0]) != ping_ ||
+                static_cast<Window>(event.xclient.data.l[2]) != window_ ||
+                event.xclient.data.l[3] != kPingMark || event.xclient.data.l[4] != getpid())
+                continue;
+            confirmed_ = std::max(confirmed_, static_cast<Batch>(event.xclient.data.l[1]));
+        }
+    }
+
+    Display* display_;
+    Window window_;
+    Atom protocols_;
+    Atom ping_;
+    Batch confirmed_ = 0;
+};
+
+std::string utf8(const std::deque<char32_t>& text) {
+    std::string out;
+    for (char32_t c : text) {
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+class EditorEvidence final : public HandledEvidence {
+public:
+    explicit EditorEvidence(AtspiText* text) : text_(text) { baseline_ = caret(); }
+    ~EditorEvidence() override { g_object_unref(text_); }
+
+    void typed(char32_t c) override {
+        ++typedCount_;
+        recent_.push_back(c);
+        if (recent_.size() > kCompared) recent_.pop_front();
+    }
+    void sent(Batch batch) override { sent_ = batch; }
+    Batch confirmed() override { return confirmed_; }
+
+    // The editor is read until it shows all the text typed so far; the wait
+    // gives up only when nothing has moved for a while.
+    bool waitFor(Batch batch) override {
+        if (confirmed_ >= batch) return true;
+        auto lastMove = Clock::now();
+        int lastCaret = caret();
+        for (;;) {
+            int now = caret();
+            if (now >= 0 && showsTyped(now)) {
+                confirmed_ = sent_;
+                return true;
+            }
+            if (now != lastCaret) {
+                lastCaret = now;
+                lastMove = Clock::now();
+            }
+            if (deferred_termination::pending() || Clock::now() - lastMove > kEditorPatience)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+
+    const char* source() const override { return "editor"; }
+
+private:
+    static constexpr size_t kCompared = 16;
+
+    int caret() {
+        GError* error = nullptr;
+        int offset = atspi_text_get_caret_offset(text_, &error);
+        if (error) {
+            g_error_free(error);
+            return -1;
+        }
+        return offset;
+    }
+
+    // The caret has left where it stood before typing, and the characters
+    // just before it are the ones typed last.
+    bool showsTyped(int caretOffset) {
+        if (typedCount_ == 0) return true;
+        if (caretOffset == baseline_) return false;
+        int count = static_cast<int>(recent_.size());
+        if (caretOffset < count) return false;
+        GError* error = nullptr;
+        gchar* before = atspi_text_get_text(text_, caretOffset - count, caretOffset, &error);
+        if (error) {
+            g_error_free(error);
+            return false;
+        }
+        bool same = before && utf8(recent_) == before;
+        g_free(before);
+        return same;
+    }
+
+    AtspiText* text_;
+    int baseline_ = -1;
+    size_t typedCount_ = 0;
+    std::deque<char32_t> recent_;
+    Batch sent_ = 0;
+    Batch confirmed_ = 0;
+};
+
+class PauseEvidence final : public HandledEvidence {
+public:
+    void sent(Batch batch) override { sent_ = batch; }
+    Batch confirmed() override { return confirmed_; }
+    bool waitFor(Batch batch) override {
+        if (confirmed_ < batch) {
+            std::this_thread::sleep_for(kPause);
+            confirmed_ = sent_;
+        }
+        return true;
+    }
+    const char* source() const override { return "pause"; }
+
+private:
+    Batch sent_ = 0;
+    Batch confirmed_ = 0;
+};
+
+bool answersPings(Display* display, Window window) {
+    Atom* protocols = nullptr;
+    int count = 0;
+    if (!XGetWMProtocols(display, window, &protocols, &count)) return false;
+    Atom ping = XInternAtom(display, "_NET_WM_PING", False);
+    bool found = std::find(protocols, protocols + count, ping) != protocols + count;
+    XFree(protocols);
+    return found;
+}
+
+int windowPid(Display* display, Window window) {
+    Atom type;
+    int format;
+    unsigned long items, after;
+    unsigned char* data = nullptr;
+    int pid = -1;
+    if (XGetWindowProperty(display, window, XInternAtom(display, "_NET_WM_PID", False), 0, 1,
+                           False, XA_CARDINAL, &type, &format, &items, &after,
+                           &data) == Success &&
+        data && format == 32 && items == 1)
+        pid = static_cast<int>(*reinterpret_cast<unsigned long*>(data));
+    if (data) XFree(data);
+    return pid;
+}
+
+// The top-level window of the client that holds the keyboard focus: the
+// focus window or its nearest ancestor that carries WM_PROTOCOLS.
+Window focusedClient(Display* display) {
+    Window focus = None;
+    int revert = 0;
+    XGetInputFocus(display, &focus, &revert);
+    Window root = DefaultRootWindow(display);
+    for (Window window = focus; window != None && window != PointerRoot && window != root;) {
+        Atom* protocols = nullptr;
+        int count = 0;
+        if (XGetWMProtocols(display, window, &protocols, &count)) {
+            XFree(protocols);
+            return window;
+        }
+        Window parent = None, rootReturn = None;
+        Window* children = nullptr;
+        unsigned int childCount = 0;
+        if (!XQueryTree(display, window, &rootReturn, &parent, &children, &childCount)) break;
+        if (children) XFree(children);
+        window = parent;
+    }
+    return None;
+}
+
+}  // namespace
+
+std::unique_ptr<HandledEvidence> pingEvidence(Display* display, Window window) {
+    if (window == None || !answersPings(display, window)) return nullptr;
+    return std::make_unique<PingEvidence>(display, window);
+}
+
+std::unique_ptr<HandledEvidence> editorEvidence(int pid) {
+    if (pid <= 0 || atspi_init() < 0) return nullptr;
+    AtspiAccessible* desktop = atspi_get_desktop(0);
+    if (!desktop) return nullptr;
+    AtspiText* text = nullptr;
+    int apps = atspi_accessible_get_child_count(desktop, nullptr);
+    for (int i = 0; i < apps && !text; ++i) {
+        AtspiAccessible* app = atspi_accessible_get_child_at_index(desktop, i, nullptr);
+        if (!app) continue;
+        if (static_cast<int>(atspi_accessible_get_process_id(app, nullptr)) == pid) {
+            if (AtspiCollection* collection = atspi_accessible_get_collection_iface(app)) {
+                GArray* states = g_array_new(FALSE, FALSE, sizeof(AtspiStateType));
+                AtspiStateType focused = ATSPI_STATE_FOCUSED;
+                g_array_append_val(states, focused);
+                AtspiStateSet* set = atspi_state_set_new(states);
+                AtspiMatchRule* rule = atspi_match_rule_new(
+                    set, ATSPI_Collection_MATCH_ALL, nullptr, ATSPI_Collection_MATCH_NONE, nullptr,
+                    ATSPI_Collection_MATCH_NONE, nullptr, ATSPI_Collection_MATCH_NONE, FALSE);
+                GArray* matches = atspi_collection_get_matches(
+                    collection, rule, ATSPI_Collection_SORT_ORDER_CANONICAL, 1, TRUE, nullptr);
+                if (matches && matches->len > 0)
+                    text = atspi_accessible_get_text_iface(
+                        g_array_index(matches, AtspiAccessible*, 0));
+                if (matches) {
+                    for (guint m = 0; m < matches->len; ++m)
+                        g_object_unref(g_array_index(matches, AtspiAccessible*, m));
+                    g_array_free(matches, TRUE);
+                }
+                g_object_unref(rule);
+                g_object_unref(set);
+                g_array_free(states, TRUE);
+                g_object_unref(collection);
+            }
+        }
+        g_object_unref(app);
+    }
+    g_object_unref(desktop);
+    if (!text) return nullptr;
+    return std::make_unique<EditorEvidence>(text);
+}
+
+std::unique_ptr<HandledEvidence> pauseEvidence() { return std::make_unique<PauseEvidence>(); }
+
+std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display* display) {
+    Window client = focusedClient(display);
+    if (auto ping = pingEvidence(display, client)) return ping;
+    if (auto editor = editorEvidence(client == None ? -1 : windowPid(display, client)))
+        return editor;
+    return pauseEvidence();
+}
+
+}  // namespace quorvel::linux_backend

@@ -1,0 +1,58 @@
+// Evidence that the focused application has handled the key events sent to
+// it so far, so that a keycode they used can be remapped or restored.
+//
+// Three sources, best first:
+//   - the window manager's ping (_NET_WM_PING): the application answers it
+//     from the same event loop, in the same order, in which it translates
+//     key events, so its answer proves that every earlier key event has been
+//     translated with the mapping in force when it arrived;
+//   - the focused editor read live over AT-SPI: its caret has moved and the
+//     text before the caret ends with the characters typed last;
+//   - neither: a short fixed pause, the one guess left.
+// Every wait is bounded; a wait that gives up lets typing go on.
+#pragma once
+
+#include <X11/Xlib.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace quorvel::linux_backend {
+
+class HandledEvidence {
+public:
+    using Batch = std::uint64_t;
+    virtual ~HandledEvidence() = default;
+    // One character was typed (the editor's text is checked against them).
+    virtual void typed(char32_t) {}
+    // Every key event of `batch` has been sent.
+    virtual void sent(Batch batch) = 0;
+    // The newest batch known to be handled, without waiting.
+    virtual Batch confirmed() = 0;
+    // Waits until `batch` has been handled; false when the wait gave up.
+    virtual bool waitFor(Batch batch) = 0;
+    // Which source this is ("ping", "editor", "pause"), for diagnostics.
+    virtual const char* source() const = 0;
+};
+
+// The best evidence for the application that owns the keyboard focus.
+std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display*);
+
+// Evidence from the application that owns `window`, when it answers pings;
+// null otherwise. Exposed so that each source can be tested on its own.
+std::unique_ptr<HandledEvidence> pingEvidence(Display*, Window window);
+// Evidence read from the focused editor of process `pid`; null when AT-SPI
+// shows no focused text.
+std::unique_ptr<HandledEvidence> editorEvidence(int pid);
+std::unique_ptr<HandledEvidence> pauseEvidence();
+
+// How long one wait for a ping answer may take. Typing keeps at most a few
+// batches in flight, so an application that takes longer is stuck.
+inline constexpr std::chrono::milliseconds kPingPatience{5000};
+// How long the editor may show no progress before its wait gives up.
+inline constexpr std::chrono::milliseconds kEditorPatience{750};
+inline constexpr std::chrono::milliseconds kPause{60};
+
+}  // namespace quorvel::linux_backend

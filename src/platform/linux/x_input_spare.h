@@ -1,0 +1,53 @@
+// The spare keycodes of the keyboard mapping, lent to characters that the
+// layout cannot type.
+//
+// An application translates a keycode into a character when it handles the
+// key event, with the mapping it holds at that moment. So a keycode may be
+// given a new character only once the application has handled every event
+// that used it under the old one. Input goes out in numbered batches; the
+// caller learns which batches the application has handled ("confirmed") and
+// a keycode whose last use lies in an unconfirmed batch is never lent again.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace quorvel::linux_backend {
+
+class SpareKeys {
+public:
+    using Keycode = unsigned;
+    using Keysym = unsigned long;  // X keysyms; 0 is NoSymbol
+    using Batch = std::uint64_t;   // batch numbers start at 1
+
+    explicit SpareKeys(std::vector<Keycode> keycodes);
+
+    struct Lease {
+        Keycode keycode;
+        bool remap;  // the keycode must be given `keysym` before it is pressed
+    };
+    // The keycode that types `keysym` in `batch`. A keycode already holding
+    // it is used again; otherwise the least recently used keycode whose uses
+    // are all confirmed is lent. Nothing when every keycode is still awaited.
+    std::optional<Lease> lease(Keysym keysym, Batch batch, Batch confirmed);
+
+    // The oldest unconfirmed batch that uses a keycode: once it is
+    // confirmed, a keycode is free again. 0 when none is awaited.
+    Batch oldestAwaited(Batch confirmed) const;
+    // The newest batch that used any keycode (0 when none was ever lent).
+    Batch newestUse() const;
+    // The keycodes that hold a character now, so that they can be restored.
+    std::vector<Keycode> lent() const;
+    bool available() const { return !slots_.empty(); }
+
+private:
+    struct Slot {
+        Keycode keycode;
+        Keysym keysym = 0;
+        Batch lastUse = 0;
+    };
+    std::vector<Slot> slots_;
+};
+
+}  // namespace quorvel::linux_backend

@@ -1,0 +1,221 @@
+#include "platform/linux/x_input_typing.h"
+
+#include <X11/extensions/XTest.h>
+#include <X11/keysym.h>
+#include <xkbcommon/xkbcommon.h>
+
+#include <algorithm>
+
+#include "platform/linux/x_input_signals.h"
+
+namespace quorvel::linux_backend {
+namespace {
+
+// At most this many batches may be sent but not yet handled: it keeps the
+// application's backlog, and so every later wait, short.
+constexpr HandledEvidence::Batch kBatchesInFlight = 4;
+
+}  // namespace
+
+KeySym keysymForCharacter(char32_t c) {
+    // Applications insert a line break for Return, not for Linefeed.
+    if (c == U'\n' || c == U'\r') return XK_Return;
+    if (c == U'\t') return XK_Tab;
+    return xkb_utf32_to_keysym(c);
+}
+
+Typist::Typist(Display* display) : display_(display) {}
+
+Typist::~Typist() {
+    restore();
+    if (xkb_) XkbFreeKeyboard(xkb_, 0, True);
+}
+
+void Typist::load() {
+    if (loaded_) return;
+    loaded_ = true;
+    int opcode, event, error, major = XkbMajorVersion, minor = XkbMinorVersion;
+    if (!XkbQueryExtension(display_, &opcode, &event, &error, &major, &minor)) return;
+    xkb_ = XkbGetMap(display_, XkbKeyTypesMask | XkbKeySymsMask, XkbUseCoreKbd);
+    if (!xkb_) return;
+    XkbStateRec state{};
+    XkbGetState(display_, XkbUseCoreKbd, &state);
+
+    std::vector<bool> modifier(256, false);
+    if (XModifierKeymap* modifiers = XGetModifierMapping(display_)) {
+        for (int i = 0; i < 8 * modifiers->max_keypermod; ++i)
+            if (KeyCode keycode = modifiers->modifiermap[i]) modifier[keycode] = true;
+        for (int i = 0; i < modifiers->max_keypermod && !shift_; ++i)
+            shift_ = modifiers->modifiermap[ShiftMapIndex * modifiers->max_keypermod + i];
+        XFreeModifiermap(modifiers);
+    }
+
+    std::vector<SpareKeys::Keycode> spare;
+    for (int keycode = xkb_->min_key_code; keycode <= xkb_->max_key_code; ++keycode) {
+        if (XkbKeyNumSyms(xkb_, keycode) != 0 || modifier[keycode]) continue;
+        XkbSymMapPtr map = &xkb_->map->key_sym_map[keycode];
+        KeyEntry entry;
+        std::copy(std::begin(map->kt_index), std::end(map->kt_index), entry.types);
+        entry.groupInfo = map->group_info;
+        entry.width = map->width;
+        original_.emplace(static_cast<KeyCode>(keycode), entry);
+        spare.push_back(static_cast<SpareKeys::Keycode>(keycode));
+    }
+    spare_ = SpareKeys(std::move(spare));
+
+    // What each key types now: its first and Shift levels in the active
+    // group, with the locked modifiers (Caps Lock, Num Lock) applied, as the
+    // application will translate it. Unshifted keys are preferred.
+    for (bool shifted : {false, true}) {
+        if (shifted && !shift_) break;
+        unsigned int mods = state.locked_mods | (shifted ? ShiftMask : 0);
+        for (int keycode = xkb_->min_key_code; keycode <= xkb_->max_key_code; ++keycode) {
+            KeySym keysym = NoSymbol;
+            unsigned int consumed = 0;
+            if (XkbKeyNumSyms(xkb_, keycode) == 0 ||
+                !XkbTranslateKeyCode(xkb_, static_cast<KeyCode>(keycode),
+                                     XkbBuildCoreState(mods, state.group), &consumed, &keysym) ||
+                keysym == NoSymbol)
+                continue;
+            layout_.try_emplace(keysym, KeyStroke{static_cast<KeyCode>(keycode), shifted});
+        }
+    }
+}
+
+KeyCode Typist::shiftKeycode() {
+    load();
+    return shift_;
+}
+
+std::optional<KeyStroke> Typist::layoutStroke(KeySym keysym) {
+    load();
+    if (auto found = layout_.find(keysym); found != layout_.end()) return found->second;
+    return std::nullopt;
+}
+
+HandledEvidence::Batch Typist::confirmed() {
+    return std::max(evidence_ ? evidence_->confirmed() : 0, assumed_);
+}
+
+void Typist::waitFor(HandledEvidence::Batch batch) {
+    if (!evidence_ || batch == 0 || confirmed() >= batch) return;
+    // A wait that gives up (a stuck application, or a termination request)
+    // lets typing go on rather than stall the request.
+    if (!evidence_->waitFor(batch)) assumed_ = std::max(assumed_, batch);
+}
+
+std::optional<KeyStroke> Typist::strokeFor(KeySym keysym) {
+    if (keysym == NoSymbol) return std::nullopt;
+    if (auto stroke = layoutStroke(keysym)) return stroke;
+    if (!spare_.available()) return std::nullopt;
+    if (!evidence_) evidence_ = focusedApplicationEvidence(display_);
+
+    auto lease = spare_.lease(keysym, batch_, confirmed());
+    if (!lease) {
+        // Every spare keycode still serves events the application has not
+        // handled: send what is queued, close the batch and wait for the
+        // oldest of them.
+        flush();
+        endBatch();
+        waitFor(spare_.oldestAwaited(confirmed()));
+        lease = spare_.lease(keysym, batch_, confirmed());
+        if (!lease) return std::nullopt;
+    }
+    if (lease->remap) remaps_.emplace_back(static_cast<KeyCode>(lease->keycode), keysym);
+    batchUsedSpare_ = true;
+    return KeyStroke{static_cast<KeyCode>(lease->keycode), false};
+}
+
+void Typist::setKeys(const std::vector<std::pair<KeyCode, KeyEntry>>& keys) {
+    // One request for the whole range of keycodes, the keys in between sent
+    // back unchanged: every client reloads its keymap once, not once per key.
+    KeyCode first = 255, last = 0;
+    for (const auto& [keycode, entry] : keys) {
+        KeySym* syms = XkbResizeKeySyms(xkb_, keycode, static_cast<int>(entry.syms.size()));
+        if (!syms) continue;
+        std::copy(entry.syms.begin(), entry.syms.end(), syms);
+        XkbSymMapPtr map = &xkb_->map->key_sym_map[keycode];
+        std::copy(std::begin(entry.types), std::end(entry.types), map->kt_index);
+        map->group_info = entry.groupInfo;
+        map->width = entry.width;
+        first = std::min(first, keycode);
+        last = std::max(last, keycode);
+    }
+    if (first > last) return;
+    XkbMapChangesRec changes{};
+    changes.changed = XkbKeySymsMask;
+    changes.first_key_sym = first;
+    changes.num_key_syms = static_cast<unsigned char>(last - first + 1);
+    XkbChangeMap(display_, xkb_, &changes);
+}
+
+void Typist::flush() {
+    if (!remaps_.empty()) {
+        deferred_termination::hold();
+        std::vector<std::pair<KeyCode, KeyEntry>> keys;
+        for (const auto& [keycode, keysym] : remaps_) {
+            KeyEntry entry;
+            entry.types[0] = XkbOneLevelIndex;
+            entry.groupInfo = XkbSetNumGroups(0, 1);
+            entry.width = 1;
+            entry.syms = {keysym};
+            keys.emplace_back(keycode, std::move(entry));
+        }
+        setKeys(keys);
+        remapCount_ += remaps_.size();
+        remaps_.clear();
+    }
+    for (const KeyStroke& stroke : queued_) {
+        if (stroke.shift) XTestFakeKeyEvent(display_, shift_, True, CurrentTime);
+        XTestFakeKeyEvent(display_, stroke.keycode, True, CurrentTime);
+        XTestFakeKeyEvent(display_, stroke.keycode, False, CurrentTime);
+        if (stroke.shift) XTestFakeKeyEvent(display_, shift_, False, CurrentTime);
+    }
+    queued_.clear();
+}
+
+void Typist::endBatch() {
+    if (!batchUsedSpare_) return;
+    evidence_->sent(batch_);
+    ++batch_;
+    batchUsedSpare_ = false;
+}
+
+void Typist::type(std::u32string_view text) {
+    honourTermination();
+    load();
+    if (evidence_ && batch_ > kBatchesInFlight + 1) waitFor(batch_ - 1 - kBatchesInFlight);
+    for (char32_t c : text) {
+        std::optional<KeyStroke> stroke = strokeFor(keysymForCharacter(c));
+        if (!stroke) continue;
+        queued_.push_back(*stroke);
+        if (evidence_) evidence_->typed(c);
+    }
+    flush();
+    endBatch();
+    XFlush(display_);
+}
+
+void Typist::restore() {
+    std::vector<SpareKeys::Keycode> lent = spare_.lent();
+    if (!lent.empty()) {
+        flush();
+        endBatch();
+        waitFor(spare_.newestUse());
+        std::vector<std::pair<KeyCode, KeyEntry>> keys;
+        for (SpareKeys::Keycode keycode : lent)
+            keys.emplace_back(static_cast<KeyCode>(keycode), original_[static_cast<KeyCode>(keycode)]);
+        setKeys(keys);
+        XSync(display_, False);
+        std::vector<SpareKeys::Keycode> all;
+        for (const auto& [keycode, entry] : original_) all.push_back(keycode);
+        spare_ = SpareKeys(std::move(all));
+    }
+    deferred_termination::release();
+}
+
+void Typist::honourTermination() {
+    if (deferred_termination::pending()) restore();
+}
+
+}  // namespace quorvel::linux_backend

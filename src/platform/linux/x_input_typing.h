@@ -1,0 +1,102 @@
+// Typing any character with XTest, whatever the keyboard layout.
+//
+// A character that the layout types (at its first or Shift level, in the
+// active group) is typed with its own key. Any other character is put on a
+// spare keycode (one that the mapping leaves empty) and typed with that. The
+// mapping stays changed until the process ends, so repeated characters cost
+// nothing, and is restored by `restore()`: before that, and before a spare
+// keycode gets another character, the application must have handled every
+// event that used the keycode (see x_input_evidence.h).
+//
+// Every change of the mapping makes each client reload its keymap, which
+// costs a large application milliseconds, so the keycodes that one text
+// event needs are remapped together, in one request.
+#pragma once
+
+#include <X11/XKBlib.h>
+#include <X11/Xlib.h>
+
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/x_input_evidence.h"
+#include "platform/linux/x_input_spare.h"
+
+namespace quorvel::linux_backend {
+
+// The keysym that types a character: Return for a line break, Tab for a
+// tab, the character's own keysym otherwise; NoSymbol for none.
+KeySym keysymForCharacter(char32_t c);
+
+struct KeyStroke {
+    KeyCode keycode = 0;
+    bool shift = false;
+};
+
+class Typist {
+public:
+    explicit Typist(Display* display);
+    // Restores the mapping.
+    ~Typist();
+    Typist(const Typist&) = delete;
+    Typist& operator=(const Typist&) = delete;
+
+    // Presses and releases the key of every character, in order. A character
+    // that has no keysym, or finds no key, is skipped.
+    void type(std::u32string_view text);
+
+    // The key that produces `keysym`, borrowing a spare keycode if needed
+    // (call `flush()` before pressing it); nothing when there is none.
+    std::optional<KeyStroke> strokeFor(KeySym keysym);
+    // The layout's own key for `keysym` (modifier keys are never borrowed).
+    std::optional<KeyStroke> layoutStroke(KeySym keysym);
+    KeyCode shiftKeycode();
+    // Sends the pending mapping changes, then the queued key presses.
+    void flush();
+    // Marks the end of a group of key events that used spare keycodes.
+    void endBatch();
+
+    // Waits for the application to handle the events that used spare
+    // keycodes, then gives them back their original (empty) mapping.
+    void restore();
+    // Restores at once and lets a held termination signal act.
+    void honourTermination();
+
+    // The source of evidence in use, or null before any spare keycode was
+    // needed, and the number of keycodes remapped so far (for tests).
+    const char* evidenceSource() const { return evidence_ ? evidence_->source() : nullptr; }
+    size_t remapCount() const { return remapCount_; }
+
+private:
+    struct KeyEntry {  // one key's symbols, as the XKB client map holds them
+        unsigned char types[XkbNumKbdGroups] = {};
+        unsigned char groupInfo = 0;
+        unsigned char width = 0;
+        std::vector<KeySym> syms;
+    };
+    void load();
+    void setKeys(const std::vector<std::pair<KeyCode, KeyEntry>>& keys);
+    HandledEvidence::Batch confirmed();
+    void waitFor(HandledEvidence::Batch batch);
+
+    Display* display_;
+    bool loaded_ = false;
+    XkbDescPtr xkb_ = nullptr;  // the client map, kept in step with our changes
+    std::unordered_map<KeySym, KeyStroke> layout_;
+    KeyCode shift_ = 0;
+    std::unordered_map<KeyCode, KeyEntry> original_;  // spare keycodes as found
+    SpareKeys spare_{{}};
+    std::vector<std::pair<KeyCode, KeySym>> remaps_;  // not sent yet
+    std::vector<KeyStroke> queued_;                   // not pressed yet
+    std::unique_ptr<HandledEvidence> evidence_;
+    HandledEvidence::Batch batch_ = 1;    // the batch being sent
+    HandledEvidence::Batch assumed_ = 0;  // taken as handled after a wait gave up
+    bool batchUsedSpare_ = false;
+    size_t remapCount_ = 0;
+};
+
+}  // namespace quorvel::linux_backend
