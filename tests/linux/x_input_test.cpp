@@ -1,0 +1,127 @@
+// The parts of the XTest input side that need no X server: how spare
+// keycodes are lent, how key events become X chords, how pixels become wheel
+// steps and which keysym types a character. The rest is exercised against a
+// real desktop by the end-to-end tests.
+#include <X11/keysym.h>
+#include <gtest/gtest.h>
+
+#include "platform/linux/x_input.h"
+#include "platform/linux/x_input_spare.h"
+#include "platform/linux/x_input_typing.h"
+
+namespace quorvel::linux_backend {
+namespace {
+
+TEST(SpareKeys, ReusesTheKeycodeThatAlreadyHoldsTheKeysym) {
+    SpareKeys keys({93, 97});
+    auto first = keys.lease(0x100, 1, 0);
+    ASSERT_TRUE(first);
+    EXPECT_TRUE(first->remap);
+    auto again = keys.lease(0x100, 2, 0);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->keycode, first->keycode);
+    EXPECT_FALSE(again->remap);
+}
+
+TEST(SpareKeys, NeverLendsAKeycodeWhoseUseIsUnconfirmed) {
+    SpareKeys keys({93, 97});
+    ASSERT_TRUE(keys.lease(0x100, 1, 0));
+    ASSERT_TRUE(keys.lease(0x101, 1, 0));
+    // Both keycodes serve batch 1, which the application has not handled.
+    EXPECT_FALSE(keys.lease(0x102, 2, 0));
+    EXPECT_EQ(keys.oldestAwaited(0), 1u);
+    // Once it has, the keycodes are free again.
+    auto lease = keys.lease(0x102, 2, 1);
+    ASSERT_TRUE(lease);
+    EXPECT_TRUE(lease->remap);
+}
+
+TEST(SpareKeys, LendsTheLeastRecentlyUsedConfirmedKeycode) {
+    SpareKeys keys({93, 97, 103});
+    keys.lease(0x100, 1, 0);  // 93
+    keys.lease(0x101, 2, 0);  // 97
+    keys.lease(0x102, 3, 0);  // 103
+    keys.lease(0x100, 4, 0);  // 93 used again, so 97 is now the oldest
+    auto lease = keys.lease(0x103, 5, 4);
+    ASSERT_TRUE(lease);
+    EXPECT_EQ(lease->keycode, 97u);
+    // Only the batches up to 2 are confirmed: 97 (batch 5 now) and 103
+    // (batch 3) are awaited, 93 (batch 4) too.
+    EXPECT_FALSE(keys.lease(0x104, 6, 2));
+    EXPECT_EQ(keys.oldestAwaited(2), 3u);
+    EXPECT_EQ(keys.newestUse(), 5u);
+}
+
+TEST(SpareKeys, ReportsWhatMustBeRestored) {
+    SpareKeys none({});
+    EXPECT_FALSE(none.available());
+    EXPECT_FALSE(none.lease(0x100, 1, 0));
+
+    SpareKeys keys({93, 97, 103});
+    EXPECT_TRUE(keys.lent().empty());
+    keys.lease(0x100, 1, 0);
+    keys.lease(0x101, 1, 0);
+    EXPECT_EQ(keys.lent(), (std::vector<SpareKeys::Keycode>{93, 97}));
+}
+
+struct ChordCase {
+    const char* name;
+    std::uint16_t virtualKey;
+    EventFlags flags;
+    unsigned long keysym;
+    bool control, alt, shift;
+};
+
+class Chords : public ::testing::TestWithParam<ChordCase> {};
+
+TEST_P(Chords, MapToXKeysAndModifiers) {
+    const ChordCase& c = GetParam();
+    std::optional<Chord> chord = chordFor(c.virtualKey, c.flags);
+    ASSERT_TRUE(chord);
+    EXPECT_EQ(chord->keysym, c.keysym);
+    EXPECT_EQ(chord->control, c.control);
+    EXPECT_EQ(chord->alt, c.alt);
+    EXPECT_EQ(chord->shift, c.shift);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    KeyTable, Chords,
+    ::testing::Values(
+        ChordCase{"escape", 53, 0, XK_Escape, false, false, false},
+        ChordCase{"enter", 36, 0, XK_Return, false, false, false},
+        ChordCase{"tab", 48, 0, XK_Tab, false, false, false},
+        ChordCase{"select_all", 0, kCGEventFlagMaskCommand, XK_a, true, false, false},
+        ChordCase{"navigate_back", 33, kCGEventFlagMaskCommand, XK_Left, false, true, false},
+        ChordCase{"bracket_alone", 33, 0, XK_bracketleft, false, false, false},
+        ChordCase{"shift_control_option", 0, 0x00020000 | 0x00040000 | 0x00080000, XK_a, true,
+                  true, true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(Chords, UnknownVirtualKeyHasNoChord) { EXPECT_FALSE(chordFor(7, 0)); }
+
+TEST(WheelSteps, RoundPixelsToStepsAndNeverDropANonZeroAmount) {
+    struct {
+        std::int32_t pixels;
+        int steps;
+    } cases[] = {{0, 0},   {1, 1},     {-1, 1},    {74, 1},   {75, 2},
+                 {-75, 2}, {100, 2},   {124, 2},   {125, 3},  {2000, 40},
+                 {-2000, 40}};
+    for (const auto& c : cases) EXPECT_EQ(wheelSteps(c.pixels), c.steps) << c.pixels;
+}
+
+TEST(KeysymForCharacter, UsesLegacyKeysymsAndUnicodeOnesBeyond) {
+    struct {
+        char32_t c;
+        KeySym keysym;
+    } cases[] = {
+        {U'\n', XK_Return},         {U'\r', XK_Return},   {U'\t', XK_Tab},
+        {U'a', XK_a},               {U'[', XK_bracketleft},
+        {U'é', XK_eacute},          {U'α', XK_Greek_alpha},
+        {U'漢', 0x01006F22},        {U'😀', 0x0101F600},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(keysymForCharacter(c.c), c.keysym) << static_cast<unsigned>(c.c);
+}
+
+}  // namespace
+}  // namespace quorvel::linux_backend
