@@ -81,6 +81,23 @@ void writeDouble(std::string& out, double v) {
     out.append(buf, r.ptr);
 }
 
+void write(std::string& out, const Json& v, int depth);
+
+void writeObject(std::string& out, const JsonObject& object, int depth) {
+    // object_t is a std::map<std::string, ...>, whose order is the byte order
+    // of the keys.
+    out += '{';
+    bool first = true;
+    for (const auto& [key, item] : object) {
+        if (!first) out += ',';
+        first = false;
+        writeString(out, key);
+        out += ':';
+        write(out, item, depth + 1);
+    }
+    out += '}';
+}
+
 void write(std::string& out, const Json& v, int depth) {
     if (depth > kMaxDepth) throw JsonWriteError("value nested too deeply");
     switch (v.type()) {
@@ -101,21 +118,7 @@ void write(std::string& out, const Json& v, int depth) {
             out += ']';
             return;
         }
-        case Json::value_t::object: {
-            // object_t is a std::map<std::string, ...>, whose order is the
-            // byte order of the keys.
-            out += '{';
-            bool first = true;
-            for (const auto& [key, item] : v.get_ref<const JsonObject&>()) {
-                if (!first) out += ',';
-                first = false;
-                writeString(out, key);
-                out += ':';
-                write(out, item, depth + 1);
-            }
-            out += '}';
-            return;
-        }
+        case Json::value_t::object: writeObject(out, v.get_ref<const JsonObject&>(), depth); return;
         case Json::value_t::binary:
         case Json::value_t::discarded: break;
     }
@@ -127,6 +130,12 @@ void write(std::string& out, const Json& v, int depth) {
 std::string writeJson(const Json& value) {
     std::string out;
     write(out, value, 0);
+    return out;
+}
+
+std::string writeJson(const JsonObject& object) {
+    std::string out;
+    writeObject(out, object, 0);
     return out;
 }
 

@@ -27,6 +27,10 @@ public:
 
 // Throws JsonWriteError when the value cannot be written.
 std::string writeJson(const Json& value);
+// The same for an object, written in place: turning a request's object into
+// a Json first would copy it recursively, and a deeply nested one (a scope
+// sent back with 100000 levels inside) would exhaust the stack.
+std::string writeJson(const JsonObject& object);
 
 // Parses one JSON text; throws nlohmann's parse errors, or
 // std::invalid_argument for a text that holds a raw NUL byte.
