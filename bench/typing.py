@@ -1,0 +1,200 @@
+"""Typing and clicking, timed as the agent sees them: one whole process per
+request. Runs inside a virtual desktop; see bench/typing."""
+
+import argparse
+import difflib
+import json
+import random
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+# Prose-like text: mostly ASCII words, with accented Latin, Greek, CJK and
+# emoji mixed in, each drawn from a set that no single layout covers.
+CATEGORIES = [
+    (0.55, "the quick brown fox jumps over a lazy dog while seven wizards quietly box".split()),
+    (0.12, list("éèçñöüßåØÉàâêîôûëïÿæœ")),
+    (0.10, list("αβγδεζηθλμνξπρστφχψωΩΦΣΔ")),
+    (0.15, list("漢字日本語中文東京書雨花海山川木林森火水金土月星空風雪春夏秋冬人口目耳手足心")),
+    (0.08, ["😀", "🚀", "🎉", "🌍", "✨", "👍", "🍕", "🐍"]),
+]
+
+
+def mixed_text(length, line_length, seed):
+    """`length` characters, a line break after every `line_length`."""
+    rng = random.Random(seed)
+    weights = [weight for weight, _ in CATEGORIES]
+    chars, column = [], 0
+    while len(chars) < length:
+        pieces = rng.choices([pieces for _, pieces in CATEGORIES], weights)[0]
+        piece = rng.choice(pieces)
+        if piece.isascii():
+            piece += " "
+        for c in piece:
+            if len(chars) == length:
+                break
+            if column == line_length:
+                chars.append("\n")
+                column = 0
+                if len(chars) == length:
+                    break
+            chars.append(c)
+            column += 1
+    return "".join(chars[:length])
+
+
+class Fixture:
+    def __init__(self, path):
+        self.process = subprocess.Popen(
+            [path], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True
+        )
+        if self.process.stdout.readline().strip() != "ready":
+            sys.exit("the fixture did not start")
+
+    def command(self, line):
+        self.process.stdin.write(line + "\n")
+        self.process.stdin.flush()
+        answer = self.process.stdout.readline().strip()
+        if answer != "ok":
+            sys.exit(f"the fixture refused {line!r}: {answer}")
+
+    def close(self):
+        self.process.stdin.close()
+        self.process.wait(timeout=10)
+
+
+class Bridge:
+    def __init__(self, path):
+        self.path = path
+
+    def run(self, request):
+        """The reply and the whole process's wall time in seconds."""
+        data = json.dumps(request).encode()
+        start = time.perf_counter()
+        done = subprocess.run([self.path], input=data, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        elapsed = time.perf_counter() - start
+        return json.loads(done.stdout or b"{}"), elapsed
+
+    def observe(self):
+        reply, _ = self.run({"version": 1, "operation": "context"})
+        if not reply.get("ok"):
+            sys.exit(f"observation refused: {reply}")
+        return reply["result"]
+
+
+def notes_value(observation):
+    for node in observation["nodes"]:
+        if node["name"] == "Notes" and node["role"] in ("AXTextArea", "AXTextField"):
+            return node["value"]
+    sys.exit("the fixture has no Notes editor")
+
+
+def settled_notes(bridge, expected, limit=60.0):
+    """The editor's value once it equals `expected` or stops changing."""
+    deadline = time.monotonic() + limit
+    last = None
+    while True:
+        value = notes_value(bridge.observe())
+        if value == expected or value == last or time.monotonic() > deadline:
+            return value
+        last = value
+        time.sleep(0.5)
+
+
+def agreement(got, want):
+    """How many of the wanted characters arrived, in order (the longest
+    matching blocks), so that one lost character does not count every later
+    one as wrong."""
+    matcher = difflib.SequenceMatcher(None, got, want, autojunk=False)
+    return sum(block.size for block in matcher.get_matching_blocks())
+
+
+def fresh_notes(fixture):
+    fixture.command("notes ")
+    fixture.command("focus notes")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--bridge", required=True)
+    parser.add_argument("--fixture", required=True)
+    parser.add_argument("--runs", type=int, default=3)
+    parser.add_argument("--clicks", type=int, default=21)
+    parser.add_argument("--length", type=int, default=1000)
+    parser.add_argument("--line", type=int, default=60, help="characters per line")
+    args = parser.parse_args()
+
+    text = mixed_text(args.length, args.line, seed=2024)
+    distinct = len(set(text) - set(chr(c) for c in range(32, 127)) - {"\n"})
+    print(f"text: {len(text)} characters, {distinct} distinct outside ASCII, lines of {args.line}")
+
+    bridge = Bridge(args.bridge)
+    fixture = Fixture(args.fixture)
+
+    # The bridge: one "type" request per run, into the emptied text view.
+    ours, ours_right = [], 0
+    for _ in range(args.runs):
+        fresh_notes(fixture)
+        scope = bridge.observe()["scope"]
+        request = {
+            "version": 1,
+            "operation": "act",
+            "scope": scope,
+            "action": {"kind": "type", "value": text, "replace": False, "expected_value": ""},
+        }
+        reply, elapsed = bridge.run(request)
+        if not reply.get("ok"):
+            sys.exit(f"typing refused: {reply}")
+        value = settled_notes(bridge, text)
+        ours.append(elapsed)
+        ours_right += value == text
+        print(f"  bridge: {elapsed:.3f} s, {agreement(value, text)}/{len(text)} characters right")
+
+    # xdotool at its default delay, on the same text, the same way.
+    with tempfile.NamedTemporaryFile("w", suffix=".txt", encoding="utf-8", delete=False) as file:
+        file.write(text)
+    fresh_notes(fixture)
+    start = time.perf_counter()
+    subprocess.run(["xdotool", "type", "--file", file.name], check=True)
+    xdotool = time.perf_counter() - start
+    value = settled_notes(bridge, text)
+    xdotool_right = agreement(value, text)
+    print(f"  xdotool: {xdotool:.3f} s, {xdotool_right}/{len(text)} characters right, "
+          f"{len(value)} typed, exact: {'yes' if value == text else 'no'}")
+
+    # One whole-process click on the Increment button.
+    observation = bridge.observe()
+    button = next(n for n in observation["nodes"] if n["name"] == "Increment")
+    b = button["bounds"]
+    click = {
+        "version": 1,
+        "operation": "act",
+        "scope": observation["scope"],
+        "action": {"kind": "click", "x": b["x"] + b["width"] / 2, "y": b["y"] + b["height"] / 2},
+    }
+    clicks = []
+    for _ in range(args.clicks):
+        reply, elapsed = bridge.run(click)
+        if not reply.get("ok"):
+            sys.exit(f"click refused: {reply}")
+        clicks.append(elapsed)
+        time.sleep(0.5)  # apart by more than the double-click time
+    fixture.close()
+
+    median = statistics.median(ours)
+    print()
+    print(f"typing, bridge:  median {median:.3f} s of {args.runs}, "
+          f"{ours_right}/{args.runs} runs 100% correct")
+    print(f"typing, xdotool: {xdotool:.3f} s, "
+          f"{100.0 * xdotool_right / len(text):.1f}% of characters arrived in order, "
+          f"{'100% correct' if value == text else 'not correct'}")
+    print(f"ratio xdotool / bridge: {xdotool / median:.1f}x (target at least 10x)")
+    print(f"click: median {1000 * statistics.median(clicks):.1f} ms of {args.clicks} "
+          f"(min {1000 * min(clicks):.1f}, max {1000 * max(clicks):.1f})")
+    return 0 if ours_right == args.runs else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,253 @@
+#include "input_desktop.h"
+
+// GoogleTest before Xlib, whose None macro would clash with it.
+#include <gtest/gtest.h>
+// clang-format off
+#include <X11/Xlib.h>
+// clang-format on
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <random>
+#include <stdexcept>
+#include <thread>
+
+#include "process.h"
+
+extern char** environ;
+
+namespace quorvel::e2e {
+namespace {
+
+std::vector<std::string> sessionEnvironment() {
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry; ++entry) environment.emplace_back(*entry);
+    return environment;
+}
+
+Display* display() {
+    static Display* connection = XOpenDisplay(nullptr);
+    if (!connection) throw std::runtime_error("no X display; run inside scripts/desktop");
+    return connection;
+}
+
+}  // namespace
+
+Fixture::Fixture(std::vector<std::string> arguments) {
+    int in[2], out[2];
+    if (pipe(in) || pipe(out)) throw std::runtime_error("pipe");
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork");
+    if (pid_ == 0) {
+        dup2(in[0], 0);
+        dup2(out[1], 1);
+        int quiet = open("/dev/null", O_WRONLY);
+        dup2(quiet, 2);
+        for (int fd : {in[0], in[1], out[0], out[1], quiet}) close(fd);
+        std::vector<char*> argv{const_cast<char*>(QUORVEL_FIXTURE_BINARY)};
+        for (std::string& argument : arguments) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    in_ = in[1];
+    out_ = out[0];
+    signal(SIGPIPE, SIG_IGN);
+    if (readLine(std::chrono::seconds(30)) != "ready") throw std::runtime_error("fixture not ready");
+}
+
+Fixture::~Fixture() {
+    if (in_ >= 0) close(in_);  // end of input quits the fixture
+    if (out_ >= 0) close(out_);
+    for (int i = 0; i < 50; ++i) {
+        if (waitpid(pid_, nullptr, WNOHANG) == pid_) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+}
+
+std::string Fixture::readLine(std::chrono::seconds limit) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        if (size_t end = buffered_.find('\n'); end != std::string::npos) {
+            std::string line = buffered_.substr(0, end);
+            buffered_.erase(0, end + 1);
+            return line;
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) throw std::runtime_error("fixture did not answer");
+        pollfd descriptor{out_, POLLIN, 0};
+        if (poll(&descriptor, 1, static_cast<int>(left.count())) <= 0) continue;
+        char buffer[4096];
+        ssize_t got = read(out_, buffer, sizeof buffer);
+        if (got <= 0) throw std::runtime_error("fixture ended");
+        buffered_.append(buffer, static_cast<size_t>(got));
+    }
+}
+
+void Fixture::command(const std::string& line) {
+    std::string text = line + "\n";
+    if (write(in_, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        throw std::runtime_error("fixture gone");
+    std::string answer = readLine(std::chrono::seconds(30));
+    if (answer != "ok") throw std::runtime_error("fixture refused " + line + ": " + answer);
+}
+
+Reply bridge(const Json& request) {
+    testing::ProcessResult result = testing::runBridge(request.dump(), sessionEnvironment());
+    Reply reply;
+    reply.raw = result.out;
+    reply.status = result.status;
+    reply.json = Json::parse(result.out, nullptr, false);
+    return reply;
+}
+
+Running startBridge(const Json& request) {
+    int in[2];
+    if (pipe(in)) throw std::runtime_error("pipe");
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(in[0], 0);
+        int quiet = open("/dev/null", O_WRONLY);
+        dup2(quiet, 1);
+        dup2(quiet, 2);
+        close(in[0]);
+        close(in[1]);
+        close(quiet);
+        execl(QUORVEL_BRIDGE_BINARY, QUORVEL_BRIDGE_BINARY, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(in[0]);
+    std::string text = request.dump();
+    if (write(in[1], text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        throw std::runtime_error("bridge gone");
+    close(in[1]);
+    return {pid, -1};
+}
+
+int finish(Running running) {
+    int status = 0;
+    waitpid(running.pid, &status, 0);
+    return status;
+}
+
+Json observe(const std::string& operation) {
+    Reply reply = bridge({{"version", 1}, {"operation", operation}});
+    EXPECT_TRUE(reply.ok()) << reply.raw;
+    return reply.ok() ? reply.json["result"] : Json::object();
+}
+
+Reply actReply(const Json& scope, const Json& action) {
+    return bridge({{"version", 1}, {"operation", "act"}, {"scope", scope}, {"action", action}});
+}
+
+Json act(const Json& scope, const Json& action) { return actReply(scope, action).json; }
+
+Json node(const Json& observation, const std::string& name, const std::vector<std::string>& roles) {
+    for (const Json& record : observation.value("nodes", Json::array())) {
+        if (record.value("name", "") != name) continue;
+        if (roles.empty()) return record;
+        for (const std::string& role : roles)
+            if (record.value("role", "") == role) return record;
+    }
+    return nullptr;
+}
+
+Json nodeStartingWith(const Json& observation, const std::string& prefix) {
+    for (const Json& record : observation.value("nodes", Json::array()))
+        if (record.value("name", "").rfind(prefix, 0) == 0) return record;
+    return nullptr;
+}
+
+double centerX(const Json& record) {
+    return record["bounds"]["x"].get<double>() + record["bounds"]["width"].get<double>() / 2;
+}
+double centerY(const Json& record) {
+    return record["bounds"]["y"].get<double>() + record["bounds"]["height"].get<double>() / 2;
+}
+
+Json observeUntil(const std::function<bool(const Json&)>& accept, std::chrono::milliseconds limit) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        Reply reply = bridge({{"version", 1}, {"operation", "context"}});
+        Json result = reply.ok() ? reply.json["result"] : Json::object();
+        if ((reply.ok() && accept(result)) || std::chrono::steady_clock::now() > deadline)
+            return result;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+}
+
+void movePointer(int x, int y) {
+    Display* x11 = display();
+    XWarpPointer(x11, None, DefaultRootWindow(x11), 0, 0, 0, 0, x, y);
+    XSync(x11, False);
+}
+
+std::pair<int, int> pointerPosition() {
+    Display* x11 = display();
+    Window root, child;
+    int rootX = -1, rootY = -1, windowX, windowY;
+    unsigned int mask;
+    XQueryPointer(x11, DefaultRootWindow(x11), &root, &child, &rootX, &rootY, &windowX, &windowY,
+                  &mask);
+    return {rootX, rootY};
+}
+
+std::vector<unsigned long> keyboardMapping() {
+    Display* x11 = display();
+    int first = 0, last = 0, perKeycode = 0;
+    XDisplayKeycodes(x11, &first, &last);
+    KeySym* rows = XGetKeyboardMapping(x11, static_cast<KeyCode>(first), last - first + 1,
+                                       &perKeycode);
+    std::vector<unsigned long> mapping(rows, rows + (last - first + 1) * perKeycode);
+    XFree(rows);
+    return mapping;
+}
+
+std::string mixedText(size_t length, size_t lineLength, unsigned seed) {
+    // Words of ASCII, and single characters of the other scripts.
+    static const char* const kPieces[] = {
+        "the ", "quick ", "brown ", "fox ", "jumps ", "over ", "lazy ", "dogs ", "and ", "cats ",
+        "é", "è", "ç", "ñ", "ö", "ü", "ß", "å", "Ø", "É",
+        "α", "β", "γ", "δ", "λ", "μ", "π", "σ", "Ω", "Φ",
+        "漢", "字", "日", "本", "語", "中", "文", "東", "京", "書", "雨", "花", "海", "山",
+        "😀", "🚀", "🎉", "🌍", "✨", "👍",
+    };
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<size_t> pick(0, std::size(kPieces) - 1);
+    std::string text;
+    size_t count = 0, column = 0;
+    auto add = [&](const std::string& scalar) {
+        text += scalar;
+        ++count;
+    };
+    while (count < length) {
+        std::string piece = kPieces[pick(random)];
+        bool ascii = static_cast<unsigned char>(piece[0]) < 0x80;
+        std::vector<std::string> scalars;
+        if (ascii) {
+            for (char c : piece) scalars.emplace_back(1, c);
+        } else {
+            scalars.push_back(piece);
+        }
+        for (const std::string& scalar : scalars) {
+            if (count < length && column == lineLength) {
+                add("\n");
+                column = 0;
+            }
+            if (count == length) break;
+            add(scalar);
+            ++column;
+        }
+    }
+    return text;
+}
+
+}  // namespace quorvel::e2e

@@ -1,0 +1,84 @@
+// What the end-to-end input tests drive: the fixture window, the bridge as a
+// child process, and a few direct looks at the X server (the pointer, the
+// keyboard mapping). Runs inside a virtual desktop (scripts/desktop).
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace quorvel::e2e {
+
+using Json = nlohmann::json;
+
+// The GTK fixture, started with its command pipe (see fixture.c).
+class Fixture {
+public:
+    explicit Fixture(std::vector<std::string> arguments = {});
+    ~Fixture();
+    Fixture(const Fixture&) = delete;
+    Fixture& operator=(const Fixture&) = delete;
+    // Sends one command and waits for its "ok".
+    void command(const std::string& line);
+
+private:
+    std::string readLine(std::chrono::seconds limit);
+    pid_t pid_ = -1;
+    int in_ = -1;
+    int out_ = -1;
+    std::string buffered_;
+};
+
+struct Reply {
+    std::string raw;  // standard output, byte for byte
+    Json json;
+    int status = -1;
+    bool ok() const { return status == 0 && json.value("ok", false); }
+    std::string error() const { return json.value("error", std::string()); }
+};
+
+// One bridge run with `request` on its standard input, in this session.
+Reply bridge(const Json& request);
+// The bridge started in the background; `finish` waits for it.
+struct Running {
+    pid_t pid;
+    int in;
+};
+Running startBridge(const Json& request);
+int finish(Running running);  // the raw wait status
+
+Json observe(const std::string& operation = "context");  // the result; fails the test if refused
+Json act(const Json& scope, const Json& action);           // the whole envelope
+Reply actReply(const Json& scope, const Json& action);
+
+// The first node with this name and one of these roles (any role when
+// empty); a null JSON when there is none.
+Json node(const Json& observation, const std::string& name,
+          const std::vector<std::string>& roles = {});
+// The first node whose name starts with `prefix`.
+Json nodeStartingWith(const Json& observation, const std::string& prefix);
+double centerX(const Json& node);
+double centerY(const Json& node);
+
+// Observes until `accept` holds for an observation, at most `limit` long;
+// returns the last observation.
+Json observeUntil(const std::function<bool(const Json&)>& accept,
+                  std::chrono::milliseconds limit = std::chrono::seconds(15));
+
+// The X server as the tests see it.
+void movePointer(int x, int y);
+std::pair<int, int> pointerPosition();
+// Every keycode's keysyms, to compare the mapping before and after.
+std::vector<unsigned long> keyboardMapping();
+
+// Mixed text: ASCII, accented Latin, Greek, CJK and emoji, lines of at most
+// `lineLength` characters, `length` scalar values in all, as UTF-8.
+std::string mixedText(size_t length, size_t lineLength, unsigned seed);
+
+}  // namespace quorvel::e2e
