@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <optional>
 #include <thread>
 
 #include "input_desktop.h"
@@ -250,6 +251,43 @@ TEST_F(Input, KeyboardMappingIsRestoredWhenTerminatedWhileTyping) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
     EXPECT_EQ(keyboardMapping(), mapping);
 }
+
+// Characters come out right whatever the layout: on a German one Y and Z
+// swap places and brackets need AltGr; on a Russian one no Latin letter has
+// a key, so even select-all borrows a keycode for its A.
+class Layouts : public ::testing::TestWithParam<const char*> {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(std::system((std::string("setxkbmap -layout ") + GetParam()).c_str()), 0);
+        fixture.emplace();
+    }
+    void TearDown() override {
+        fixture.reset();
+        std::system("setxkbmap -layout us");
+    }
+    std::optional<Fixture> fixture;
+};
+
+TEST_P(Layouts, TypeAndReplaceComeOutExactly) {
+    std::vector<unsigned long> mapping = keyboardMapping();
+    Json seen = observe();
+    const std::string appended = " [yz] Zoë, Привет, 漢字 😀";
+    EXPECT_EQ(typeInto(seen["scope"], node(seen, "Name", kEditorRoles), appended, false, "Ada Lovelace"),
+              succeeded());
+    Json after = observeUntil([&](const Json& o) { return valueOf(o, "Name") == "Ada Lovelace" + appended; });
+    EXPECT_EQ(valueOf(after, "Name"), "Ada Lovelace" + appended);
+
+    const std::string replacement = "Quickly, jumpy wizards vex a box: äöü {} Ωμέγα";
+    EXPECT_EQ(typeInto(after["scope"], node(after, "Plain editor", kEditorRoles), replacement, true,
+                       "plain text"),
+              succeeded());
+    after = observeUntil([&](const Json& o) { return valueOf(o, "Plain editor") == replacement; });
+    EXPECT_EQ(valueOf(after, "Plain editor"), replacement);
+    EXPECT_EQ(keyboardMapping(), mapping);
+}
+
+INSTANTIATE_TEST_SUITE_P(Keyboard, Layouts, ::testing::Values("de", "ru"),
+                         [](const auto& info) { return std::string(info.param); });
 
 }  // namespace
 }  // namespace quorvel::e2e
