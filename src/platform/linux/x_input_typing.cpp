@@ -172,6 +172,9 @@ void Typist::flush() {
         if (stroke.shift) XTestFakeKeyEvent(display_, shift_, False, CurrentTime);
     }
     queued_.clear();
+    // Out of our buffer, so that whatever waits next waits for the
+    // application, not for us.
+    XFlush(display_);
 }
 
 void Typist::endBatch() {
@@ -193,7 +196,6 @@ void Typist::type(std::u32string_view text) {
     }
     flush();
     endBatch();
-    XFlush(display_);
 }
 
 void Typist::restore() {
