@@ -53,7 +53,14 @@ bool intersects(const Rect& a, const Rect& b) {
 }
 
 JsonObject bounds(const Rect& r) {
-    return JsonObject{{"x", minX(r)}, {"y", minY(r)}, {"width", width(r)}, {"height", height(r)}};
+    // Built in place: every node record carries one, and an initializer list
+    // would copy each entry again.
+    JsonObject b;
+    b.emplace("x", minX(r));
+    b.emplace("y", minY(r));
+    b.emplace("width", width(r));
+    b.emplace("height", height(r));
+    return b;
 }
 
 bool secure(Platform& platform, const Element& el) {

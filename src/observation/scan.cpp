@@ -65,18 +65,20 @@ ScanResult scan(Platform& platform, const Window& window) {
         Value enabledValue = attr(platform, el, "AXEnabled");
         const bool* enabled = std::get_if<bool>(&enabledValue);
 
-        JsonObject record{
-            {"id", nodeId(i)},
-            {"parent_id", visits[i].parent ? Json(nodeId(*visits[i].parent)) : Json(nullptr)},
-            {"role", std::move(role)},
-            {"name", firstGraphemes(label, kMaxNameLength)},
-            {"value", value},
-            {"bounds", frame ? Json(bounds(*frame)) : Json(nullptr)},
-            {"enabled", enabled ? *enabled : true},
-            {"visible", frame && intersects(*frame, window.frame)},
-            {"editable", isEditable},
-            {"actions", isSecure ? kNoActions : isEditable ? kEditableActions : kClickActions},
-        };
+        // Built in place: an initializer list would copy every value again.
+        JsonObject record;
+        record.emplace("id", nodeId(i));
+        record.emplace("parent_id",
+                       visits[i].parent ? Json(nodeId(*visits[i].parent)) : Json(nullptr));
+        record.emplace("role", std::move(role));
+        record.emplace("name", firstGraphemes(label, kMaxNameLength));
+        record.emplace("value", value);
+        record.emplace("bounds", frame ? Json(bounds(*frame)) : Json(nullptr));
+        record.emplace("enabled", enabled ? *enabled : true);
+        record.emplace("visible", frame && intersects(*frame, window.frame));
+        record.emplace("editable", isEditable);
+        record.emplace("actions",
+                       isSecure ? kNoActions : isEditable ? kEditableActions : kClickActions);
         result.nodes.emplace_back(std::move(record));
         if (i > 0) text += ' ';
         text += label;

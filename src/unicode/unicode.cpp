@@ -89,6 +89,9 @@ size_t utf16Length(std::string_view s) {
 }
 
 std::string firstGraphemes(std::string_view s, size_t limit) {
+    // A cluster holds at least one byte, so a text no longer than the limit
+    // in bytes is whole; most labels and window texts end here.
+    if (s.size() <= limit) return std::string(s);
     size_t count = 0;
     utf8proc_int32_t state = 0;
     char32_t previous = 0;
