@@ -16,6 +16,19 @@ void writeString(std::string& out, std::string_view s) {
     out += '"';
     size_t i = 0;
     while (i < s.size()) {
+        // Plain printable ASCII, by far the most of what is written, goes
+        // out in one piece.
+        size_t plain = i;
+        while (plain < s.size()) {
+            unsigned char p = static_cast<unsigned char>(s[plain]);
+            if (p < 0x20 || p >= 0x80 || p == '"' || p == '\\') break;
+            ++plain;
+        }
+        if (plain > i) {
+            out.append(s.substr(i, plain - i));
+            i = plain;
+            continue;
+        }
         unsigned char c = static_cast<unsigned char>(s[i]);
         if (c < 0x80) {
             switch (c) {
