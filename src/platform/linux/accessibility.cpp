@@ -17,8 +17,8 @@ namespace {
 // Collection interface.
 constexpr size_t kFocusSearchLimit = 5000;
 
-const AtspiElement* atspi(const Element& element) {
-    return dynamic_cast<const AtspiElement*>(element.get());
+const AccessibleElement* atspi(const Element& element) {
+    return dynamic_cast<const AccessibleElement*>(element.get());
 }
 
 // The application's top-level objects, in order.
@@ -30,7 +30,7 @@ std::vector<Element> topLevels(AtspiAccessible* application) {
     for (gint i = 0; i < count; ++i) {
         AtspiAccessible* window = atspi_accessible_get_child_at_index(application, i, &error);
         g_clear_error(&error);
-        if (window) windows.push_back(std::make_shared<AtspiElement>(window, false));
+        if (window) windows.push_back(std::make_shared<AccessibleElement>(window, false));
     }
     return windows;
 }
@@ -38,6 +38,7 @@ std::vector<Element> topLevels(AtspiAccessible* application) {
 // The states of several objects, asked for all at once.
 std::vector<std::optional<StateBits>> statesOf(const std::vector<Element>& elements,
                                                DBusConnection* bus, int timeoutMs) {
+    if (elements.empty()) return {};
     CallBatch batch(bus, timeoutMs);
     for (const Element& element : elements) batch.add(stateCall(atspi(element)->ref()));
     batch.wait();
@@ -49,6 +50,7 @@ std::vector<std::optional<StateBits>> statesOf(const std::vector<Element>& eleme
 // The first descendant of `window` with the FOCUSED state, found by the
 // application itself in one Collection query.
 std::optional<Element> focusedByCollection(AtspiAccessible* window) {
+    if (!window) return std::nullopt;
     AtspiCollection* collection = atspi_accessible_get_collection_iface(window);
     if (!collection) return std::nullopt;
     AtspiStateSet* focused = atspi_state_set_new(nullptr);
@@ -64,7 +66,7 @@ std::optional<Element> focusedByCollection(AtspiAccessible* window) {
         result = Element{};
         for (guint i = 0; i < found->len; ++i) {
             AtspiAccessible* match = g_array_index(found, AtspiAccessible*, i);
-            if (match && !*result) result = std::make_shared<AtspiElement>(match, false);
+            if (match && !*result) result = std::make_shared<AccessibleElement>(match, false);
             else if (match) g_object_unref(match);
         }
     }
@@ -83,7 +85,7 @@ Element focusedByWalk(const Element& window, DBusConnection* bus, int timeoutMs)
     while (!level.empty() && seen < kFocusSearchLimit) {
         std::vector<Element> next;
         for (const Element& element : level) {
-            LiveFacts facts(*atspi(element), bus, timeoutMs);
+            LiveFacts facts(atspi(element)->ref(), bus, timeoutMs);
             if (auto children = facts.children())
                 next.insert(next.end(), children->begin(), children->end());
         }
@@ -98,25 +100,28 @@ Element focusedByWalk(const Element& window, DBusConnection* bus, int timeoutMs)
 
 }  // namespace
 
-AtspiElement::AtspiElement(AtspiAccessible* accessible, bool application)
-    : accessible_(accessible), application_(application) {}
-
-AtspiElement::~AtspiElement() {
-    if (accessible_) g_object_unref(accessible_);
+AccessibleElement::AccessibleElement(AtspiAccessible* accessible, bool application)
+    : accessible_(accessible), application_(application) {
+    const AtspiObject& object = accessible->parent;
+    if (object.app && object.app->bus_name) ref_.bus = object.app->bus_name;
+    if (object.path) ref_.path = object.path;
 }
 
-ObjectRef AtspiElement::ref() const {
-    ObjectRef ref;
-    const AtspiObject& object = accessible_->parent;
-    if (object.app && object.app->bus_name) ref.bus = object.app->bus_name;
-    if (object.path) ref.path = object.path;
-    return ref;
+AccessibleElement::AccessibleElement(ObjectRef ref, bool application)
+    : ref_(std::move(ref)), application_(application) {}
+
+AccessibleElement::~AccessibleElement() {
+    if (accessible_) g_object_unref(accessible_);
 }
 
 Element wrap(AtspiAccessible* accessible, bool application) {
     if (!accessible) return nullptr;
     g_object_ref(accessible);
-    return std::make_shared<AtspiElement>(accessible, application);
+    return std::make_shared<AccessibleElement>(accessible, application);
+}
+
+Element elementFor(ObjectRef ref) {
+    return std::make_shared<AccessibleElement>(std::move(ref), false);
 }
 
 AtspiApplicationHandle::AtspiApplicationHandle(std::int32_t pid, AtspiAccessible* application)
@@ -129,7 +134,48 @@ AtspiApplicationHandle::~AtspiApplicationHandle() {
 Accessibility::Accessibility(std::function<std::optional<std::string>()> rootWindowAddress)
     : rootWindowAddress_(std::move(rootWindowAddress)) {}
 
-Accessibility::~Accessibility() { snapshot_.reset(); }
+Accessibility::~Accessibility() {
+    snapshot_.reset();
+    for (auto& [bus, connection] : direct_) {
+        if (!connection) continue;
+        dbus_connection_close(connection);
+        dbus_connection_unref(connection);
+    }
+}
+
+DBusConnection* Accessibility::connectionTo(const std::string& bus) {
+    DBusConnection* shared = atspi_get_a11y_bus();
+    if (bus.empty()) return shared;
+    auto known = direct_.find(bus);
+    if (known != direct_.end()) return known->second ? known->second : shared;
+
+    // Toolkits built on the AT-SPI bridge also listen on a socket of their
+    // own. Talking to it directly skips the bus daemon, which otherwise
+    // relays every request and every reply: the tree scan's thousands of
+    // calls take a fraction of the time. Single reads stay on the bus: the
+    // extra question would double what an application that does not answer
+    // costs them.
+    DBusConnection* direct = nullptr;
+    Message call(dbus_message_new_method_call(bus.c_str(), "/org/a11y/atspi/accessible/root",
+                                              "org.a11y.atspi.Application",
+                                              "GetApplicationBusAddress"));
+    bool late = false;
+    Message reply = callAndWait(shared, std::move(call), timeoutMs_, &late);
+    if (late) return nullptr;  // asked again next time
+    const char* address = nullptr;
+    if (reply && dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN &&
+        dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &address,
+                              DBUS_TYPE_INVALID) &&
+        address && *address && !startsProcess(address)) {
+        DBusError error;
+        dbus_error_init(&error);
+        direct = dbus_connection_open_private(address, &error);
+        dbus_error_free(&error);
+        if (direct) dbus_connection_set_exit_on_disconnect(direct, FALSE);
+    }
+    direct_[bus] = direct;
+    return direct ? direct : shared;
+}
 
 bool Accessibility::connect() {
     if (connectAttempted_) return connected_;
@@ -218,7 +264,7 @@ std::optional<std::string> Accessibility::applicationName(const Application& app
 Element Accessibility::applicationElement(std::int32_t pid) {
     AtspiAccessible* app = findApplication(pid);
     if (!app) return nullptr;
-    return std::make_shared<AtspiElement>(app, true);
+    return std::make_shared<AccessibleElement>(app, true);
 }
 
 void Accessibility::setTimeout(float seconds) {
@@ -227,7 +273,7 @@ void Accessibility::setTimeout(float seconds) {
     if (connected_) atspi_set_timeout(timeoutMs_, -1);
 }
 
-AttributeRead Accessibility::focusedWindow(const AtspiElement& application) {
+AttributeRead Accessibility::focusedWindow(const AccessibleElement& application) {
     std::vector<Element> windows = topLevels(application.accessible());
     std::vector<std::optional<StateBits>> states =
         statesOf(windows, atspi_get_a11y_bus(), timeoutMs_);
@@ -237,12 +283,12 @@ AttributeRead Accessibility::focusedWindow(const AtspiElement& application) {
     return {kAXErrorNoValue, {}};
 }
 
-AttributeRead Accessibility::focusedElement(const AtspiElement& application) {
+AttributeRead Accessibility::focusedElement(const AccessibleElement& application) {
     // A toolkit marks the focused widget of its active window, so the active
     // windows are searched first.
     std::vector<Element> windows = topLevels(application.accessible());
-    std::vector<std::optional<StateBits>> states =
-        statesOf(windows, atspi_get_a11y_bus(), timeoutMs_);
+    DBusConnection* bus = atspi_get_a11y_bus();
+    std::vector<std::optional<StateBits>> states = statesOf(windows, bus, timeoutMs_);
     std::vector<Element> ordered;
     for (size_t i = 0; i < windows.size(); ++i)
         if (states[i] && hasState(*states[i], ATSPI_STATE_ACTIVE)) ordered.push_back(windows[i]);
@@ -251,16 +297,16 @@ AttributeRead Accessibility::focusedElement(const AtspiElement& application) {
             ordered.push_back(windows[i]);
     for (const Element& window : ordered) {
         std::optional<Element> focused = focusedByCollection(atspi(window)->accessible());
-        if (!focused) focused = focusedByWalk(window, atspi_get_a11y_bus(), timeoutMs_);
+        if (!focused) focused = focusedByWalk(window, bus, timeoutMs_);
         if (*focused) return {kAXErrorSuccess, *focused};
     }
     return {kAXErrorNoValue, {}};
 }
 
 AttributeRead Accessibility::read(const Element& element, std::string_view attribute) {
-    const AtspiElement* target = atspi(element);
+    const AccessibleElement* target = atspi(element);
     if (!target || !connected_) return {kAXErrorCannotComplete, {}};
-    if (snapshot_ && scanStalled_) return {kAXErrorCannotComplete, {}};
+    if (scanning_ && scanStalled_) return {kAXErrorCannotComplete, {}};
 
     // The window, the focused element and every value outside a scan are
     // always read from the application itself.
@@ -272,20 +318,20 @@ AttributeRead Accessibility::read(const Element& element, std::string_view attri
     }
 
     bool timedOut = false;
-    LiveFacts live(*target, atspi_get_a11y_bus(), timeoutMs_, &timedOut);
+    LiveFacts live(target->ref(), atspi_get_a11y_bus(), timeoutMs_, &timedOut);
     AttributeRead result;
     if (std::unique_ptr<ElementFacts> cached = snapshot_ ? snapshot_->facts(*target, live) : nullptr)
         result = readAttribute(*cached, attribute);
     else
         result = readAttribute(live, attribute);
-    if (timedOut && snapshot_) scanStalled_ = true;
+    if (timedOut && scanning_) scanStalled_ = true;
     return result;
 }
 
 AXError Accessibility::isSettable(const Element& element, std::string_view attribute,
                                   bool& settable) {
     settable = false;
-    const AtspiElement* target = atspi(element);
+    const AccessibleElement* target = atspi(element);
     if (!target || !connected_) return kAXErrorCannotComplete;
     if (attribute != "AXValue") return kAXErrorSuccess;
     // Settable means the application offers to replace the whole text and
@@ -298,47 +344,47 @@ AXError Accessibility::isSettable(const Element& element, std::string_view attri
     auto names = parseInterfaces(batch.reply(interfaces));
     auto bits = parseStates(batch.reply(states));
     if (!names || !bits) return kAXErrorCannotComplete;
-    bool editableText = false;
-    for (const std::string& name : *names)
-        editableText = editableText || name == "org.a11y.atspi.EditableText";
-    settable = editableText && hasState(*bits, ATSPI_STATE_EDITABLE);
+    settable = hasInterface(*names, kEditableTextInterface) && hasState(*bits, ATSPI_STATE_EDITABLE);
     return kAXErrorSuccess;
 }
 
 AXError Accessibility::setText(const Element& element, std::string_view attribute,
                                const std::string& text) {
-    const AtspiElement* target = atspi(element);
+    const AccessibleElement* target = atspi(element);
     if (!target || !connected_) return kAXErrorCannotComplete;
     if (attribute != "AXValue") return kAXErrorAttributeUnsupported;
-    AtspiEditableText* editor = atspi_accessible_get_editable_text_iface(target->accessible());
-    if (!editor) return kAXErrorAttributeUnsupported;
-    GError* error = nullptr;
-    gboolean done = atspi_editable_text_set_text_contents(editor, text.c_str(), &error);
-    AXError code = error ? kAXErrorCannotComplete : done ? kAXErrorSuccess : kAXErrorFailure;
-    g_clear_error(&error);
-    g_object_unref(editor);
-    return code;
+    const ObjectRef& ref = target->ref();
+    Message reply = callAndWait(atspi_get_a11y_bus(), setTextContentsCall(ref, text), timeoutMs_);
+    std::optional<bool> done = parseSetTextContents(reply.get());
+    if (!done) return kAXErrorCannotComplete;
+    return *done ? kAXErrorSuccess : kAXErrorFailure;
 }
 
 bool Accessibility::equal(const Element& a, const Element& b) {
-    const AtspiElement* x = atspi(a);
-    const AtspiElement* y = atspi(b);
+    const AccessibleElement* x = atspi(a);
+    const AccessibleElement* y = atspi(b);
     if (!x || !y) return false;
     return x->ref() == y->ref();
 }
 
 void Accessibility::beginTreeScan(const Element& root) {
     snapshot_.reset();
+    scanning_ = true;
     scanStalled_ = false;
-    const AtspiElement* target = atspi(root);
+    const AccessibleElement* target = atspi(root);
     if (!target || !connected_) return;
-    snapshot_ = std::make_unique<TreeSnapshot>(*target, atspi_get_a11y_bus(), timeoutMs_,
-                                               kMaxNodes);
+    DBusConnection* bus = connectionTo(target->ref().bus);
+    if (!bus) {
+        scanStalled_ = true;  // the application did not answer
+        return;
+    }
+    snapshot_ = std::make_unique<TreeSnapshot>(*target, bus, timeoutMs_, kMaxNodes);
     scanStalled_ = snapshot_->stalled();
 }
 
 void Accessibility::endTreeScan() {
     snapshot_.reset();
+    scanning_ = false;
     scanStalled_ = false;
 }
 

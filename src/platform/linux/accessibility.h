@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,30 +19,38 @@ namespace quorvel::linux_backend {
 
 class TreeSnapshot;
 
-// An element handle: one reference on a libatspi accessible object, given
-// back when the last owner lets go.
-class AtspiElement final : public ElementObject {
+// An element handle: the object's identity on the bus (its application's
+// bus name and its path) and, when libatspi made it, one reference on the
+// libatspi object, given back when the last owner lets go. Elements found by
+// the tree scan carry only their identity: turning each of a thousand
+// children into a libatspi object would cost a round trip apiece, and every
+// read goes through the same method calls either way.
+class AccessibleElement final : public ElementObject {
 public:
     // Takes over one reference on `accessible`.
-    AtspiElement(_AtspiAccessible* accessible, bool application);
-    ~AtspiElement() override;
-    AtspiElement(const AtspiElement&) = delete;
-    AtspiElement& operator=(const AtspiElement&) = delete;
+    AccessibleElement(_AtspiAccessible* accessible, bool application);
+    AccessibleElement(ObjectRef ref, bool application);
+    ~AccessibleElement() override;
+    AccessibleElement(const AccessibleElement&) = delete;
+    AccessibleElement& operator=(const AccessibleElement&) = delete;
 
+    const ObjectRef& ref() const { return ref_; }
+    // The libatspi object, when there is one.
     _AtspiAccessible* accessible() const { return accessible_; }
     // The root object of an application: it answers "AXFocusedWindow" and
     // "AXFocusedUIElement".
     bool application() const { return application_; }
-    // The object's identity on the bus: its application's bus name and path.
-    ObjectRef ref() const;
 
 private:
-    _AtspiAccessible* accessible_;
+    ObjectRef ref_;
+    _AtspiAccessible* accessible_ = nullptr;
     bool application_;
 };
 
-// Wraps an accessible (adding a reference) as an element handle.
+// Wraps a libatspi object (adding a reference) as an element handle.
 Element wrap(_AtspiAccessible* accessible, bool application = false);
+// An element handle for an object known only by its identity.
+Element elementFor(ObjectRef ref);
 
 // The frontmost application: its process and, when it talks to the
 // accessibility bus, its AT-SPI application object.
@@ -94,15 +103,20 @@ public:
 private:
     bool connect();
     _AtspiAccessible* findApplication(std::int32_t pid);
-    AttributeRead focusedWindow(const AtspiElement& application);
-    AttributeRead focusedElement(const AtspiElement& application);
-    int timeoutMs() const { return timeoutMs_; }
+    AttributeRead focusedWindow(const AccessibleElement& application);
+    AttributeRead focusedElement(const AccessibleElement& application);
+    // The connection to send an application's requests on: its own socket
+    // when it offers one, else the accessibility bus.
+    DBusConnection* connectionTo(const std::string& bus);
 
     std::function<std::optional<std::string>()> rootWindowAddress_;
     bool connectAttempted_ = false;
     bool connected_ = false;
     int timeoutMs_ = 2000;
+    // Direct connections by bus name; null where the application offers none.
+    std::map<std::string, DBusConnection*> direct_;
     std::unique_ptr<TreeSnapshot> snapshot_;
+    bool scanning_ = false;
     // Set when an application stopped answering during the current scan:
     // the scan's remaining reads fail at once instead of waiting again.
     bool scanStalled_ = false;

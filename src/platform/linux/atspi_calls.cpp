@@ -62,6 +62,18 @@ Message accessiblePropertiesCall(const ObjectRef& ref) {
     return call;
 }
 
+Message setTextContentsCall(const ObjectRef& ref, const std::string& text) {
+    Message call = methodCall(ref, "org.a11y.atspi.EditableText", "SetTextContents");
+    const char* contents = text.c_str();
+    if (call) dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &contents, DBUS_TYPE_INVALID);
+    return call;
+}
+
+Message cacheItemsCall(const std::string& bus) {
+    return Message(dbus_message_new_method_call(bus.c_str(), "/org/a11y/atspi/cache",
+                                                "org.a11y.atspi.Cache", "GetItems"));
+}
+
 Message extentsCall(const ObjectRef& ref) {
     Message call = methodCall(ref, kComponent, "GetExtents");
     dbus_uint32_t coordinates = kScreenCoordinates;
@@ -202,6 +214,69 @@ std::optional<ObjectRef> parseChild(DBusMessage* reply) {
     DBusMessageIter iter;
     dbus_message_iter_init(reply, &iter);
     return readRef(&iter);
+}
+
+std::optional<bool> parseSetTextContents(DBusMessage* reply) {
+    if (!isReply(reply, "b")) return std::nullopt;
+    dbus_bool_t done = FALSE;
+    dbus_message_get_args(reply, nullptr, DBUS_TYPE_BOOLEAN, &done, DBUS_TYPE_INVALID);
+    return done != FALSE;
+}
+
+std::optional<std::vector<CacheItem>> parseCacheItems(DBusMessage* reply) {
+    if (!isReply(reply, "a((so)(so)(so)iiassusau)")) return std::nullopt;
+    DBusMessageIter iter, items;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &items);
+    std::vector<CacheItem> result;
+    while (dbus_message_iter_get_arg_type(&items) == DBUS_TYPE_STRUCT) {
+        DBusMessageIter fields, list;
+        dbus_message_iter_recurse(&items, &fields);
+        CacheItem item;
+        item.ref = readRef(&fields);
+        dbus_message_iter_next(&fields);
+        dbus_message_iter_next(&fields);  // the application
+        item.parent = readRef(&fields);
+        dbus_message_iter_next(&fields);
+        dbus_int32_t number = -1;
+        dbus_message_iter_get_basic(&fields, &number);
+        item.index = number;
+        dbus_message_iter_next(&fields);
+        dbus_message_iter_get_basic(&fields, &number);
+        item.childCount = number;
+        dbus_message_iter_next(&fields);
+        dbus_message_iter_recurse(&fields, &list);
+        while (dbus_message_iter_get_arg_type(&list) == DBUS_TYPE_STRING) {
+            item.interfaces.push_back(basicString(&list));
+            dbus_message_iter_next(&list);
+        }
+        dbus_message_iter_next(&fields);
+        item.name = basicString(&fields);
+        dbus_message_iter_next(&fields);
+        dbus_uint32_t role = 0;
+        dbus_message_iter_get_basic(&fields, &role);
+        item.role = static_cast<int>(role);
+        dbus_message_iter_next(&fields);
+        item.description = basicString(&fields);
+        dbus_message_iter_next(&fields);
+        dbus_message_iter_recurse(&fields, &list);
+        for (int word = 0; word < 2 && dbus_message_iter_get_arg_type(&list) == DBUS_TYPE_UINT32;
+             ++word) {
+            dbus_uint32_t bits = 0;
+            dbus_message_iter_get_basic(&list, &bits);
+            item.states |= static_cast<StateBits>(bits) << (32 * word);
+            dbus_message_iter_next(&list);
+        }
+        result.push_back(std::move(item));
+        dbus_message_iter_next(&items);
+    }
+    return result;
+}
+
+bool hasInterface(const std::vector<std::string>& interfaces, const char* name) {
+    for (const std::string& interface : interfaces)
+        if (interface == name) return true;
+    return false;
 }
 
 CallBatch::CallBatch(DBusConnection* connection, int timeoutMs)

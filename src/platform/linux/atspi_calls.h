@@ -46,6 +46,9 @@ Message textCall(const ObjectRef&);                   // the whole text
 Message currentValueCall(const ObjectRef&);
 Message childrenCall(const ObjectRef&);
 Message childAtIndexCall(const ObjectRef&, int index);
+Message setTextContentsCall(const ObjectRef&, const std::string& text);
+// The application's own account of every object it has announced.
+Message cacheItemsCall(const std::string& bus);
 
 // Replies. Each is empty when the call failed or the reply is not of the
 // expected type.
@@ -63,6 +66,28 @@ std::optional<std::string> parseText(DBusMessage*);
 std::optional<double> parseCurrentValue(DBusMessage*);
 std::optional<std::vector<ObjectRef>> parseChildren(DBusMessage*);
 std::optional<ObjectRef> parseChild(DBusMessage*);
+std::optional<bool> parseSetTextContents(DBusMessage*);
+
+// One object of the application's cache: what it reports about itself at
+// the moment of the call. `index` is its position among its parent's
+// children and `childCount` its number of children, each -1 when the
+// application does not say (objects that manage their descendants).
+struct CacheItem {
+    ObjectRef ref;
+    ObjectRef parent;
+    int index = -1;
+    int childCount = -1;
+    std::vector<std::string> interfaces;
+    std::string name;
+    int role = 0;
+    std::string description;
+    StateBits states = 0;
+};
+std::optional<std::vector<CacheItem>> parseCacheItems(DBusMessage*);
+
+bool hasInterface(const std::vector<std::string>& interfaces, const char* name);
+inline constexpr char kValueInterface[] = "org.a11y.atspi.Value";
+inline constexpr char kEditableTextInterface[] = "org.a11y.atspi.EditableText";
 
 // A set of calls in flight on one connection. Every call is written as soon
 // as it is added; `wait` then collects the replies. Each call has its own

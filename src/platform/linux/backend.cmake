@@ -10,11 +10,12 @@ list(FILTER QUORVEL_LINUX_SOURCES EXCLUDE REGEX "/digest\\.cpp$")
 add_library(quorvel_platform STATIC ${QUORVEL_LINUX_SOURCES})
 target_link_libraries(quorvel_platform PUBLIC quorvel_core)
 
-# The read side: libatspi and libdbus for the accessibility tree, Xlib with
-# Composite for windows and their images, Tesseract for text recognition.
+# The read side: libatspi and libdbus for the accessibility tree, Xlib for
+# windows and their images, Tesseract for text recognition.
 pkg_check_modules(QUORVEL_LINUX_READ REQUIRED IMPORTED_TARGET
-  atspi-2 dbus-1 glib-2.0 gobject-2.0 x11 xcomposite tesseract lept)
-target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_LINUX_READ)
+  atspi-2 dbus-1 glib-2.0 gobject-2.0 x11 tesseract lept)
+find_package(OpenMP REQUIRED)  # Tesseract's runtime, held to the calling thread
+target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_LINUX_READ OpenMP::OpenMP_CXX)
 
 # XTest input: Xlib and XTest, xkbcommon's character-to-keysym table, and
 # AT-SPI for reading the focused editor while typing.

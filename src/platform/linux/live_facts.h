@@ -11,8 +11,7 @@ namespace quorvel::linux_backend {
 class LiveFacts final : public ElementFacts {
 public:
     // `timedOut`, when given, is set once a call goes unanswered.
-    LiveFacts(const AtspiElement& element, DBusConnection* bus, int timeoutMs,
-              bool* timedOut = nullptr);
+    LiveFacts(ObjectRef ref, DBusConnection* bus, int timeoutMs, bool* timedOut = nullptr);
 
     std::optional<int> role() override;
     std::optional<StateBits> states() override;
@@ -27,7 +26,6 @@ private:
     Message call(Message request);
     const AccessibleProperties& properties();
 
-    const AtspiElement& element_;
     ObjectRef ref_;
     DBusConnection* bus_;
     int timeoutMs_;

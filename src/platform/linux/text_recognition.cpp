@@ -2,12 +2,26 @@
 
 #include <tesseract/baseapi.h>
 #include <tesseract/resultiterator.h>
+#include <omp.h>
 
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
 namespace quorvel::linux_backend {
 namespace {
+
+// The engine open when the process exits. Tesseract keeps the model's shared
+// parts in a cache of its own, destroyed at exit before a recogniser held by
+// a function-local static would end its engine; ending the engine from a
+// handler registered after that cache was made keeps the order right. A plain
+// pointer, so that nothing here is itself destroyed at exit.
+tesseract::TessBaseAPI* liveEngine = nullptr;
+
+void endLiveEngine() {
+    if (liveEngine) liveEngine->End();
+    liveEngine = nullptr;
+}
 
 // Screen pixels: X reports no physical size worth trusting, and 96 is what
 // the toolkits lay text out for.
@@ -34,17 +48,30 @@ Rect normalisedBox(int left, int top, int right, int bottom, int imageWidth, int
 TextRecognizer::TextRecognizer() = default;
 
 TextRecognizer::~TextRecognizer() {
-    if (engine_) engine_->End();
+    if (!engine_) return;
+    if (liveEngine == engine_.get()) liveEngine = nullptr;
+    engine_->End();  // does nothing when the exit handler ended it already
 }
 
 void TextRecognizer::start() {
     if (engine_) return;
+    // The bridge runs on one thread. Tesseract's OpenMP build would start a
+    // team of threads for each layer of its network; on a busy machine they
+    // spin waiting for each other and recognition takes several times longer
+    // than on one thread. No active parallel level means every region runs
+    // on the calling thread.
+    omp_set_max_active_levels(0);
     auto engine = std::make_unique<tesseract::TessBaseAPI>();
     if (engine->Init(nullptr, "eng", tesseract::OEM_LSTM_ONLY) != 0)
         throw std::runtime_error("text recognition could not start");
     // A window is a sparse page: labels, fields and buttons scattered over
     // it rather than columns of prose.
     engine->SetPageSegMode(tesseract::PSM_SPARSE_TEXT);
+    if (!liveEngine) {
+        static const bool handlerRegistered = (std::atexit(endLiveEngine), true);
+        (void)handlerRegistered;
+        liveEngine = engine.get();
+    }
     engine_ = std::move(engine);
 }
 

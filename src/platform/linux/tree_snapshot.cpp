@@ -1,9 +1,9 @@
 #include "platform/linux/tree_snapshot.h"
 
-#include <atspi/atspi.h>
-
 #include <algorithm>
 #include <vector>
+
+#include <atspi/atspi-constants.h>
 
 #include "platform/linux/roles.h"
 
@@ -11,8 +11,25 @@ namespace quorvel::linux_backend {
 namespace {
 
 // Children lists up to this length are fetched whole (one call); longer ones
-// only as far as the scan can take them, one call per child.
+// only as far as the scan can take them, one call per child, so a list view
+// of a million rows costs no more than the scan visits.
 constexpr int kWholeListLimit = 4096;
+
+// Roles whose objects offer the Value interface in the common toolkits.
+bool carriesValue(int role) {
+    switch (role) {
+        case ATSPI_ROLE_SCROLL_BAR:
+        case ATSPI_ROLE_SLIDER:
+        case ATSPI_ROLE_SPIN_BUTTON:
+        case ATSPI_ROLE_PROGRESS_BAR:
+        case ATSPI_ROLE_LEVEL_BAR:
+        case ATSPI_ROLE_DIAL:
+        case ATSPI_ROLE_SPLIT_PANE:
+            return true;
+        default:
+            return false;
+    }
+}
 
 class SnapshotFacts final : public ElementFacts {
 public:
@@ -39,90 +56,155 @@ private:
     ElementFacts& live_;
 };
 
-constexpr char kValueInterface[] = "org.a11y.atspi.Value";
+// The application's cache, indexed: each object by path, and the children
+// lists it fully accounts for (every position filled, none twice).
+struct Cache {
+    std::unordered_map<std::string, CacheItem> items;
+    std::unordered_map<std::string, std::vector<ObjectRef>> children;
+};
 
-// Asking a toolkit for a property of an interface the object lacks is not
-// just refused: GTK logs a critical warning for every such call.
-bool hasInterface(DBusMessage* reply, const char* name) {
-    std::optional<std::vector<std::string>> interfaces = parseInterfaces(reply);
-    return interfaces && std::find(interfaces->begin(), interfaces->end(), name) != interfaces->end();
-}
-
-const AtspiElement& atspi(const Element& element) {
-    return static_cast<const AtspiElement&>(*element);
+Cache indexCache(std::vector<CacheItem> items, const std::string& bus) {
+    Cache cache;
+    for (CacheItem& item : items)
+        if (item.ref.bus == bus) cache.items.emplace(item.ref.path, std::move(item));
+    std::unordered_map<std::string, std::vector<ObjectRef>> slots;
+    std::unordered_map<std::string, bool> broken;
+    for (const auto& [path, item] : cache.items) {
+        if (item.index < 0 || item.parent.bus != bus) continue;
+        auto parent = cache.items.find(item.parent.path);
+        if (parent == cache.items.end() || parent->second.childCount < 0) continue;
+        std::vector<ObjectRef>& list = slots[item.parent.path];
+        list.resize(static_cast<size_t>(parent->second.childCount));
+        if (item.index >= parent->second.childCount || !list[item.index].path.empty())
+            broken[item.parent.path] = true;
+        else
+            list[item.index] = item.ref;
+    }
+    for (auto& [parent, list] : slots) {
+        bool complete = !broken.count(parent) &&
+                        std::none_of(list.begin(), list.end(),
+                                     [](const ObjectRef& ref) { return ref.path.empty(); });
+        if (complete) cache.children.emplace(parent, std::move(list));
+    }
+    for (const auto& [path, item] : cache.items)
+        if (item.childCount == 0) cache.children.emplace(path, std::vector<ObjectRef>{});
+    return cache;
 }
 
 }  // namespace
 
-TreeSnapshot::TreeSnapshot(const AtspiElement& root, DBusConnection* bus, int timeoutMs,
+TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, int timeoutMs,
                            size_t limit)
     : bus_(root.ref().bus) {
-    indexDescendants(root);
+    Cache cache;
+    {
+        bool late = false;
+        Message reply = callAndWait(bus, cacheItemsCall(bus_), timeoutMs, &late);
+        if (late) {
+            stalled_ = true;
+            return;
+        }
+        if (auto items = parseCacheItems(reply.get())) cache = indexCache(std::move(*items), bus_);
+    }
 
     // The scan's visit list grows exactly as here: an element's children are
     // added while the list is below the limit, as many as still fit.
-    std::vector<Element> level{wrap(root.accessible(), root.application())};
+    std::vector<ObjectRef> level{root.ref()};
     size_t planned = 1;  // estimate from child counts, decides what to fetch
     size_t visited = 1;  // from the children actually listed
     while (!level.empty() && !stalled_) {
         struct Calls {
-            std::string path;
-            size_t properties, role, states, extents, interfaces;
-            std::optional<size_t> text, value;
+            std::optional<size_t> properties, role, states, interfaces, extents, text, value;
             std::vector<size_t> children;
             bool wholeList = false;
         };
         std::vector<Calls> calls(level.size());
 
+        // Text and value, once the role and interfaces are known.
+        auto askContents = [](CallBatch& batch, Calls& c, Record& record, const ObjectRef& ref) {
+            if (!record.role) return;
+            if (isTextRole(*record.role)) {
+                // Password text is never asked for; the attribute layer
+                // refuses it before it would look here.
+                if (!isPasswordRole(*record.role)) c.text = batch.add(textCall(ref));
+            } else if (record.hasValue) {
+                c.value = batch.add(currentValueCall(ref));
+            } else {
+                record.valueFetched = true;  // no Value interface: nothing to ask
+            }
+        };
+
         CallBatch first(bus, timeoutMs);
         for (size_t i = 0; i < level.size(); ++i) {
-            ObjectRef ref = atspi(level[i]).ref();
-            calls[i].path = ref.path;
-            calls[i].properties = first.add(accessiblePropertiesCall(ref));
-            calls[i].role = first.add(roleCall(ref));
-            calls[i].states = first.add(stateCall(ref));
-            calls[i].extents = first.add(extentsCall(ref));
-            calls[i].interfaces = first.add(interfacesCall(ref));
+            const ObjectRef& ref = level[i];
+            Record& record = records_[ref.path];
+            Calls& c = calls[i];
+            c.extents = first.add(extentsCall(ref));
+            auto item = cache.items.find(ref.path);
+            if (item == cache.items.end()) {
+                c.properties = first.add(accessiblePropertiesCall(ref));
+                c.role = first.add(roleCall(ref));
+                c.states = first.add(stateCall(ref));
+                continue;
+            }
+            record.role = item->second.role;
+            record.states = item->second.states;
+            record.properties.name = item->second.name;
+            record.properties.description = item->second.description;
+            if (item->second.childCount >= 0) record.properties.childCount = item->second.childCount;
+            else c.properties = first.add(accessiblePropertiesCall(ref));
+            record.hasValue = hasInterface(item->second.interfaces, kValueInterface);
+            askContents(first, c, record, ref);
+            if (auto listed = cache.children.find(ref.path); listed != cache.children.end()) {
+                record.childrenFetched = true;
+                ElementList children;
+                for (const ObjectRef& child : listed->second) children.push_back(elementFor(child));
+                record.children = std::move(children);
+            }
         }
         first.wait();
-        for (const Calls& c : calls) {
-            Record& record = records_[c.path];
-            record.properties = parseAccessibleProperties(first.reply(c.properties));
-            record.role = parseRole(first.reply(c.role));
-            record.states = parseStates(first.reply(c.states));
-            record.extents = parseExtents(first.reply(c.extents));
-            record.hasValue = hasInterface(first.reply(c.interfaces), kValueInterface);
-        }
-        if (first.timedOut()) {
-            stalled_ = true;
-            break;
-        }
 
         CallBatch second(bus, timeoutMs);
         for (size_t i = 0; i < level.size(); ++i) {
+            const ObjectRef& ref = level[i];
+            Record& record = records_[ref.path];
             Calls& c = calls[i];
-            Record& record = records_[c.path];
-            ObjectRef ref = atspi(level[i]).ref();
-            if (record.role && isTextRole(*record.role)) {
-                // Password text is never asked for; the attribute layer
-                // refuses it before it would look here.
-                if (!isPasswordRole(*record.role)) c.text = second.add(textCall(ref));
-            } else if (record.hasValue) {
-                c.value = second.add(currentValueCall(ref));
-            } else {
-                // Nothing to ask: the element has no Value interface.
-                record.valueFetched = true;
+            record.extents = parseExtents(first.reply(*c.extents));
+            if (c.properties) {
+                AccessibleProperties properties = parseAccessibleProperties(first.reply(*c.properties));
+                if (!record.properties.name) record.properties = properties;
+                else record.properties.childCount = properties.childCount;
             }
+            if (c.role) {
+                record.role = parseRole(first.reply(*c.role));
+                record.states = parseStates(first.reply(*c.states));
+                // Outside the cache the interfaces are not known, and asking
+                // would cost a call per element: the value is asked of the
+                // roles that carry one.
+                record.hasValue = record.role && carriesValue(*record.role);
+                askContents(second, c, record, ref);
+            } else {
+                if (c.text) {
+                    record.textFetched = true;
+                    record.text = parseText(first.reply(*c.text));
+                    c.text.reset();
+                }
+                if (c.value) {
+                    record.valueFetched = true;
+                    record.value = parseCurrentValue(first.reply(*c.value));
+                    c.value.reset();
+                }
+            }
+
             std::optional<int> count = record.properties.childCount;
             if (planned >= limit || !count) continue;
+            size_t take = std::min(static_cast<size_t>(std::max(*count, 0)), limit - planned);
+            planned += take;
+            if (record.childrenFetched) continue;
             if (*count <= 0) {
                 record.childrenFetched = true;
                 record.children = ElementList{};
-                continue;
-            }
-            size_t take = std::min(static_cast<size_t>(*count), limit - planned);
-            planned += take;
-            if (*count <= kWholeListLimit) {
+            } else if (*count <= kWholeListLimit) {
                 c.wholeList = true;
                 c.children.push_back(second.add(childrenCall(ref)));
             } else {
@@ -130,13 +212,17 @@ TreeSnapshot::TreeSnapshot(const AtspiElement& root, DBusConnection* bus, int ti
                     c.children.push_back(second.add(childAtIndexCall(ref, static_cast<int>(k))));
             }
         }
+        if (first.timedOut()) {
+            stalled_ = true;
+            break;
+        }
         second.wait();
         if (second.timedOut()) stalled_ = true;
 
-        std::vector<Element> next;
+        std::vector<ObjectRef> next;
         for (size_t i = 0; i < level.size(); ++i) {
             const Calls& c = calls[i];
-            Record& record = records_[c.path];
+            Record& record = records_[level[i].path];
             if (c.text) {
                 record.textFetched = true;
                 record.text = parseText(second.reply(*c.text));
@@ -145,86 +231,44 @@ TreeSnapshot::TreeSnapshot(const AtspiElement& root, DBusConnection* bus, int ti
                 record.valueFetched = true;
                 record.value = parseCurrentValue(second.reply(*c.value));
             }
-            if (c.children.empty()) continue;
-            std::vector<ObjectRef> refs;
-            bool complete = true;
-            if (c.wholeList) {
-                auto listed = parseChildren(second.reply(c.children.front()));
-                if (listed) refs = std::move(*listed);
-                else complete = false;
-            } else {
-                for (size_t id : c.children) {
-                    auto child = parseChild(second.reply(id));
-                    if (!child) {
-                        complete = false;
-                        break;
+            if (!c.children.empty()) {
+                std::vector<ObjectRef> refs;
+                bool complete = true;
+                if (c.wholeList) {
+                    auto listed = parseChildren(second.reply(c.children.front()));
+                    if (listed) refs = std::move(*listed);
+                    else complete = false;
+                } else {
+                    for (size_t id : c.children) {
+                        auto child = parseChild(second.reply(id));
+                        if (!child) {
+                            complete = false;
+                            break;
+                        }
+                        refs.push_back(std::move(*child));
                     }
-                    refs.push_back(std::move(*child));
+                }
+                // An incomplete list is left to a live read.
+                if (complete) {
+                    ElementList children;
+                    for (const ObjectRef& child : refs) children.push_back(elementFor(child));
+                    record.childrenFetched = true;
+                    record.children = std::move(children);
                 }
             }
-            if (!complete) continue;  // a later read asks the application itself
-            ElementList children;
-            children.reserve(refs.size());
-            const AtspiElement& parent = atspi(level[i]);
-            for (size_t k = 0; k < refs.size(); ++k)
-                if (Element child = materialise(parent, refs[k], static_cast<int>(k)))
-                    children.push_back(std::move(child));
-            if (visited < limit) {
-                size_t take = std::min(children.size(), limit - visited);
-                next.insert(next.end(), children.begin(), children.begin() + take);
-                visited += take;
-            }
-            record.childrenFetched = true;
-            record.children = std::move(children);
+            if (!record.childrenFetched || !record.children || visited >= limit) continue;
+            size_t take = std::min(record.children->size(), limit - visited);
+            for (size_t k = 0; k < take; ++k)
+                next.push_back(static_cast<const AccessibleElement&>(*(*record.children)[k]).ref());
+            visited += take;
         }
         level = std::move(next);
     }
 }
 
-TreeSnapshot::~TreeSnapshot() {
-    for (auto& [path, accessible] : known_) g_object_unref(accessible);
-}
-
-void TreeSnapshot::indexDescendants(const AtspiElement& root) {
-    AtspiCollection* collection = atspi_accessible_get_collection_iface(root.accessible());
-    if (!collection) return;
-    AtspiStateSet* states = atspi_state_set_new(nullptr);
-    AtspiMatchRule* everything = atspi_match_rule_new(
-        states, ATSPI_Collection_MATCH_ALL, nullptr, ATSPI_Collection_MATCH_ALL, nullptr,
-        ATSPI_Collection_MATCH_ALL, nullptr, ATSPI_Collection_MATCH_ALL, FALSE);
-    GError* error = nullptr;
-    GArray* found = atspi_collection_get_matches(
-        collection, everything, ATSPI_Collection_SORT_ORDER_CANONICAL, 0, TRUE, &error);
-    if (found) {
-        for (guint i = 0; i < found->len; ++i) {
-            AtspiAccessible* accessible = g_array_index(found, AtspiAccessible*, i);
-            if (!accessible) continue;
-            auto [it, inserted] = known_.emplace(accessible->parent.path, accessible);
-            if (!inserted) g_object_unref(accessible);
-        }
-        g_array_free(found, TRUE);
-    }
-    g_clear_error(&error);
-    g_object_unref(everything);
-    g_object_unref(states);
-    g_object_unref(collection);
-}
-
-Element TreeSnapshot::materialise(const AtspiElement& parent, const ObjectRef& child,
-                                  int index) const {
-    if (child.bus == bus_)
-        if (auto it = known_.find(child.path); it != known_.end()) return wrap(it->second);
-    GError* error = nullptr;
-    AtspiAccessible* accessible =
-        atspi_accessible_get_child_at_index(parent.accessible(), index, &error);
-    g_clear_error(&error);
-    if (!accessible) return nullptr;
-    return std::make_shared<AtspiElement>(accessible, false);
-}
-
-std::unique_ptr<ElementFacts> TreeSnapshot::facts(const AtspiElement& element,
+std::unique_ptr<ElementFacts> TreeSnapshot::facts(const AccessibleElement& element,
                                                   ElementFacts& live) const {
-    ObjectRef ref = element.ref();
+    const ObjectRef& ref = element.ref();
     if (ref.bus != bus_) return nullptr;
     auto it = records_.find(ref.path);
     if (it == records_.end()) return nullptr;

@@ -1,10 +1,13 @@
 // One prefetch of a window's accessibility tree, made for one tree scan.
 //
 // The scan visits the window breadth-first and reads the same few facts of
-// every element. Asking for them one by one costs a bus round trip each; the
-// snapshot instead sends a whole level's requests at once and collects the
-// replies, level after level, as far as the scan can reach. It lives only
-// between the backend's beginTreeScan and endTreeScan.
+// every element; asked one by one, each costs a round trip to the
+// application. The snapshot asks the application once for its own account of
+// every object (the Cache interface: role, name, description, states,
+// interfaces, place among its parent's children), then sends the remaining
+// calls (extents, text, values, and everything about objects the cache does
+// not cover) a whole breadth-first level at a time, as far as the scan can
+// reach. It lives only between the backend's beginTreeScan and endTreeScan.
 #pragma once
 
 #include <memory>
@@ -21,14 +24,11 @@ class TreeSnapshot {
 public:
     // Prefetches the tree under `root` as far as a breadth-first scan of at
     // most `limit` elements reaches.
-    TreeSnapshot(const AtspiElement& root, DBusConnection* bus, int timeoutMs, size_t limit);
-    ~TreeSnapshot();
-    TreeSnapshot(const TreeSnapshot&) = delete;
-    TreeSnapshot& operator=(const TreeSnapshot&) = delete;
+    TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, int timeoutMs, size_t limit);
 
     // What was prefetched about one element; a fact that was not prefetched
     // is read from `live`. Null when the element is not in the snapshot.
-    std::unique_ptr<ElementFacts> facts(const AtspiElement& element, ElementFacts& live) const;
+    std::unique_ptr<ElementFacts> facts(const AccessibleElement& element, ElementFacts& live) const;
 
     // The application stopped answering while the tree was prefetched.
     bool stalled() const { return stalled_; }
@@ -49,15 +49,8 @@ public:
     };
 
 private:
-    void indexDescendants(const AtspiElement& root);
-    Element materialise(const AtspiElement& parent, const ObjectRef& child, int index) const;
-
     std::string bus_;
     std::unordered_map<std::string, Record> records_;  // by object path
-    // Every descendant of the root that one Collection query returned, by
-    // object path: children are turned into element handles from here
-    // without another round trip each.
-    std::unordered_map<std::string, _AtspiAccessible*> known_;
     bool stalled_ = false;
 };
 

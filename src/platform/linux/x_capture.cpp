@@ -2,12 +2,12 @@
 
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
-#include <X11/extensions/Xcomposite.h>
 
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <string>
 
 #include "platform/linux/x_errors.h"
 
@@ -31,11 +31,13 @@ namespace {
     return None;
 }
 
-bool compositeAvailable(Display* display) {
-    int event = 0, error = 0, major = 0, minor = 2;
-    if (!XCompositeQueryExtension(display, &event, &error)) return false;
-    // NameWindowPixmap came with version 0.2.
-    return XCompositeQueryVersion(display, &major, &minor) && (major > 0 || minor >= 2);
+// Whether a compositing manager runs: it owns the _NET_WM_CM_Sn selection
+// and keeps every window's contents off screen, whole even where another
+// window covers it or the screen's edge cuts it.
+bool composited(Display* display) {
+    std::string name = "_NET_WM_CM_S" + std::to_string(DefaultScreen(display));
+    Atom selection = XInternAtom(display, name.c_str(), False);
+    return XGetSelectionOwner(display, selection) != None;
 }
 
 // One 8-bit channel of a pixel, from its mask.
@@ -93,47 +95,34 @@ std::optional<Pixels> captureWindow(Display* display, unsigned long window,
     }
     if (attributes.map_state != IsViewable) return std::nullopt;
 
-    // Where the source lies in root coordinates, and its size (the border
-    // included, as in a window's pixmap).
-    const bool composite = compositeAvailable(display);
-    long sourceX = attributes.x, sourceY = attributes.y;
-    long sourceWidth = attributes.width + 2L * attributes.border_width;
-    long sourceHeight = attributes.height + 2L * attributes.border_width;
-    if (!composite) {
-        sourceX = 0;
-        sourceY = 0;
-        sourceWidth = DisplayWidth(display, DefaultScreen(display));
-        sourceHeight = DisplayHeight(display, DefaultScreen(display));
-    }
-
     Pixels pixels;
     pixels.width = static_cast<int>(width);
     pixels.height = static_cast<int>(height);
     pixels.bgra.assign(static_cast<size_t>(width) * height * 4, 0);
     for (size_t i = 3; i < pixels.bgra.size(); i += 4) pixels.bgra[i] = 255;
 
-    // The part of the requested area that the source covers.
-    const long x0 = std::max(left, sourceX), y0 = std::max(top, sourceY);
-    const long x1 = std::min(left + width, sourceX + sourceWidth);
-    const long y1 = std::min(top + height, sourceY + sourceHeight);
+    // The frame's inside, in root coordinates (it is a child of the root),
+    // and the part of the requested area that it covers.
+    const long originX = attributes.x + attributes.border_width;
+    const long originY = attributes.y + attributes.border_width;
+    long x0 = std::max(left, originX);
+    long y0 = std::max(top, originY);
+    long x1 = std::min(left + width, originX + attributes.width);
+    long y1 = std::min(top + height, originY + attributes.height);
+    if (!composited(display)) {
+        // The window's pixels are the screen's: only its part on the screen
+        // can be read.
+        x0 = std::max(x0, 0L);
+        y0 = std::max(y0, 0L);
+        x1 = std::min(x1, static_cast<long>(DisplayWidth(display, DefaultScreen(display))));
+        y1 = std::min(y1, static_cast<long>(DisplayHeight(display, DefaultScreen(display))));
+    }
     if (x1 <= x0 || y1 <= y0) return pixels;
 
     XErrorTrap trap(display);
-    Drawable source = DefaultRootWindow(display);
-    Pixmap pixmap = None;
-    if (composite) {
-        // Redirecting gives the window off-screen storage holding its own
-        // contents; automatic redirection keeps it painted on screen too, and
-        // undoing it leaves other clients' redirections alone.
-        XCompositeRedirectWindow(display, frame, CompositeRedirectAutomatic);
-        pixmap = XCompositeNameWindowPixmap(display, frame);
-        source = pixmap;
-    }
-    XImage* image = XGetImage(display, source, static_cast<int>(x0 - sourceX),
-                              static_cast<int>(y0 - sourceY), static_cast<unsigned>(x1 - x0),
+    XImage* image = XGetImage(display, frame, static_cast<int>(x0 - originX),
+                              static_cast<int>(y0 - originY), static_cast<unsigned>(x1 - x0),
                               static_cast<unsigned>(y1 - y0), AllPlanes, ZPixmap);
-    if (pixmap != None) XFreePixmap(display, pixmap);
-    if (composite) XCompositeUnredirectWindow(display, frame, CompositeRedirectAutomatic);
     bool failed = trap.failed();
     if (!image || failed) {
         if (image) XDestroyImage(image);

@@ -23,11 +23,13 @@ struct Pixels {
 };
 
 // The image of the client window `window` with its frame, cut to
-// `screenBounds` (root coordinates). The window is read alone, through the
-// Composite extension, so windows in front of it do not show; without
-// Composite, the screen area is read instead. Areas of `screenBounds` that
-// the window does not cover are opaque black. Empty when the window cannot
-// be read.
+// `screenBounds` (root coordinates). It is read from the frame window itself,
+// so the desktop around it never shows. Under a compositing manager the
+// window's contents are complete; without one they are what the screen
+// shows: a part beyond the screen's edge cannot be read, and a window kept
+// in front of it (a menu, a tooltip) shows in it. Areas of `screenBounds`
+// that cannot be read are opaque black. Empty when the window cannot be
+// read at all.
 std::optional<Pixels> captureWindow(_XDisplay*, unsigned long window, const Rect& screenBounds);
 
 // Copies a rectangle of an X image into `out` at (x, y), converting to the

@@ -1,0 +1,514 @@
+/* The GTK 3 window that the end-to-end tests, the benchmark and the demo
+ * observe and operate.
+ *
+ * It holds every kind of widget the bridge has to describe: a text entry, a
+ * password entry, a multi-line text view, an editor that accessibility cannot
+ * write to, buttons that change a label, labels that report the last key and
+ * click the window received, and a long scrollable list that gives the window
+ * well over 1500 accessible elements.
+ *
+ * Usage: quorvel-fixture [--title TEXT]
+ *
+ * It prints "ready" on standard output once its window is active, then takes
+ * one command per line on standard input and answers each with "ok" once it
+ * has been applied (the window manager may still be catching up with moves):
+ *
+ *   title TEXT        retitle the main window
+ *   move DX DY        move the main window by DX, DY pixels
+ *   second            open a second window of the same size at the same place
+ *   close-second      close it again
+ *   iconify           iconify every window, so none is in front
+ *   present           bring the main window back to the front
+ *   label TEXT        set the status label
+ *   entry TEXT | password TEXT | notes TEXT | plain TEXT
+ *                     set the contents of that editor
+ *   focus NAME        focus entry, password, notes, plain, increment or list
+ *   freeze SECONDS    stop answering anything (accessibility included)
+ *   no-ping           stop offering the window manager's ping (_NET_WM_PING),
+ *                     like an application that never answers it
+ *   quit
+ *
+ * End of input quits too, so the fixture never outlives its test.
+ */
+#include <gtk/gtk.h>
+#include <gtk/gtk-a11y.h>
+#include <gdk/gdkx.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#define LIST_ROWS 800
+
+static GtkWidget *main_window, *second_window;
+static GtkWidget *entry, *password, *notes, *plain, *increment;
+static GtkWidget *status_label, *key_label, *click_label, *scroll_label, *list;
+static int count;
+static gboolean announced;
+
+/* ---- An editor that accessibility can read but not write ------------------
+ * It exposes the Text interface and the EDITABLE state but no EditableText,
+ * so its value is not settable and replacing its text has to go through a
+ * select-all key press followed by typing. It takes keys itself: Ctrl+A
+ * selects everything, BackSpace deletes, any other character is inserted
+ * (replacing the selection). */
+
+typedef struct {
+    GtkDrawingArea parent;
+    GString *text;
+    gboolean all_selected;
+} PlainEditor;
+typedef struct {
+    GtkDrawingAreaClass parent_class;
+} PlainEditorClass;
+
+typedef struct {
+    GtkWidgetAccessible parent;
+} PlainEditorAccessible;
+typedef struct {
+    GtkWidgetAccessibleClass parent_class;
+} PlainEditorAccessibleClass;
+
+static GType plain_editor_get_type(void);
+static GType plain_editor_accessible_get_type(void);
+#define PLAIN_EDITOR(o) (G_TYPE_CHECK_INSTANCE_CAST((o), plain_editor_get_type(), PlainEditor))
+
+static PlainEditor *accessible_editor(AtkText *text) {
+    GtkWidget *widget = gtk_accessible_get_widget(GTK_ACCESSIBLE(text));
+    return widget ? PLAIN_EDITOR(widget) : NULL;
+}
+
+static gchar *plain_get_text(AtkText *text, gint start, gint end) {
+    PlainEditor *editor = accessible_editor(text);
+    if (!editor) return NULL;
+    glong length = g_utf8_strlen(editor->text->str, -1);
+    if (end < 0 || end > length) end = (gint)length;
+    if (start < 0) start = 0;
+    if (start > end) start = end;
+    const gchar *from = g_utf8_offset_to_pointer(editor->text->str, start);
+    const gchar *to = g_utf8_offset_to_pointer(editor->text->str, end);
+    return g_strndup(from, (gsize)(to - from));
+}
+
+static gint plain_get_character_count(AtkText *text) {
+    PlainEditor *editor = accessible_editor(text);
+    return editor ? (gint)g_utf8_strlen(editor->text->str, -1) : 0;
+}
+
+static gint plain_get_caret_offset(AtkText *text) { return plain_get_character_count(text); }
+
+static void plain_text_iface_init(AtkTextIface *iface) {
+    iface->get_text = plain_get_text;
+    iface->get_character_count = plain_get_character_count;
+    iface->get_caret_offset = plain_get_caret_offset;
+}
+
+G_DEFINE_TYPE_WITH_CODE(PlainEditorAccessible, plain_editor_accessible, GTK_TYPE_WIDGET_ACCESSIBLE,
+                        G_IMPLEMENT_INTERFACE(ATK_TYPE_TEXT, plain_text_iface_init))
+
+static AtkStateSet *plain_ref_state_set(AtkObject *object) {
+    AtkStateSet *states =
+        ATK_OBJECT_CLASS(plain_editor_accessible_parent_class)->ref_state_set(object);
+    atk_state_set_add_state(states, ATK_STATE_EDITABLE);
+    atk_state_set_add_state(states, ATK_STATE_SINGLE_LINE);
+    return states;
+}
+
+static void plain_accessible_initialize(AtkObject *object, gpointer data) {
+    ATK_OBJECT_CLASS(plain_editor_accessible_parent_class)->initialize(object, data);
+    object->role = ATK_ROLE_TEXT;
+}
+
+static void plain_editor_accessible_class_init(PlainEditorAccessibleClass *klass) {
+    AtkObjectClass *atk_class = ATK_OBJECT_CLASS(klass);
+    atk_class->ref_state_set = plain_ref_state_set;
+    atk_class->initialize = plain_accessible_initialize;
+}
+
+static void plain_editor_accessible_init(PlainEditorAccessible *self) { (void)self; }
+
+G_DEFINE_TYPE(PlainEditor, plain_editor, GTK_TYPE_DRAWING_AREA)
+
+static gboolean plain_draw(GtkWidget *widget, cairo_t *cr) {
+    PlainEditor *editor = PLAIN_EDITOR(widget);
+    int width = gtk_widget_get_allocated_width(widget);
+    int height = gtk_widget_get_allocated_height(widget);
+    cairo_set_source_rgb(cr, 1, 1, 1);
+    cairo_paint(cr);
+    cairo_set_source_rgb(cr, 0.5, 0.5, 0.5);
+    cairo_set_line_width(cr, gtk_widget_has_focus(widget) ? 3 : 1);
+    cairo_rectangle(cr, 0.5, 0.5, width - 1, height - 1);
+    cairo_stroke(cr);
+    PangoLayout *layout = gtk_widget_create_pango_layout(widget, editor->text->str);
+    int text_width, text_height;
+    pango_layout_get_pixel_size(layout, &text_width, &text_height);
+    if (editor->all_selected && editor->text->len) {
+        cairo_set_source_rgb(cr, 0.6, 0.75, 1);
+        cairo_rectangle(cr, 6, (height - text_height) / 2.0, text_width, text_height);
+        cairo_fill(cr);
+    }
+    cairo_set_source_rgb(cr, 0, 0, 0);
+    cairo_move_to(cr, 6, (height - text_height) / 2.0);
+    pango_cairo_show_layout(cr, layout);
+    g_object_unref(layout);
+    return TRUE;
+}
+
+static void plain_set_text(PlainEditor *editor, const char *text) {
+    g_string_assign(editor->text, text);
+    editor->all_selected = FALSE;
+    gtk_widget_queue_draw(GTK_WIDGET(editor));
+}
+
+static gboolean plain_key_press(GtkWidget *widget, GdkEventKey *event) {
+    PlainEditor *editor = PLAIN_EDITOR(widget);
+    GdkModifierType mods = event->state & gtk_accelerator_get_default_mod_mask();
+    if (mods == GDK_CONTROL_MASK && (event->keyval == GDK_KEY_a || event->keyval == GDK_KEY_A)) {
+        editor->all_selected = TRUE;
+    } else if (event->keyval == GDK_KEY_BackSpace) {
+        if (editor->all_selected) {
+            g_string_truncate(editor->text, 0);
+        } else if (editor->text->len) {
+            const char *last = g_utf8_find_prev_char(editor->text->str,
+                                                     editor->text->str + editor->text->len);
+            g_string_truncate(editor->text, (gsize)(last - editor->text->str));
+        }
+        editor->all_selected = FALSE;
+    } else {
+        gunichar c = gdk_keyval_to_unicode(event->keyval);
+        if (!c || (mods & (GDK_CONTROL_MASK | GDK_MOD1_MASK)) || g_unichar_iscntrl(c))
+            return FALSE;
+        if (editor->all_selected) g_string_truncate(editor->text, 0);
+        g_string_append_unichar(editor->text, c);
+        editor->all_selected = FALSE;
+    }
+    gtk_widget_queue_draw(widget);
+    return TRUE;
+}
+
+static gboolean plain_button_press(GtkWidget *widget, GdkEventButton *event) {
+    (void)event;
+    gtk_widget_grab_focus(widget);
+    return TRUE;
+}
+
+static void plain_finalize(GObject *object) {
+    g_string_free(PLAIN_EDITOR(object)->text, TRUE);
+    G_OBJECT_CLASS(plain_editor_parent_class)->finalize(object);
+}
+
+static void plain_editor_class_init(PlainEditorClass *klass) {
+    GtkWidgetClass *widget_class = GTK_WIDGET_CLASS(klass);
+    widget_class->draw = plain_draw;
+    widget_class->key_press_event = plain_key_press;
+    widget_class->button_press_event = plain_button_press;
+    G_OBJECT_CLASS(klass)->finalize = plain_finalize;
+    gtk_widget_class_set_accessible_type(widget_class, plain_editor_accessible_get_type());
+}
+
+static void plain_editor_init(PlainEditor *editor) {
+    editor->text = g_string_new("");
+    gtk_widget_set_can_focus(GTK_WIDGET(editor), TRUE);
+    gtk_widget_add_events(GTK_WIDGET(editor), GDK_KEY_PRESS_MASK | GDK_BUTTON_PRESS_MASK);
+    gtk_widget_set_size_request(GTK_WIDGET(editor), -1, 34);
+}
+
+/* ---- The main window ------------------------------------------------------ */
+
+static void name_widget(GtkWidget *widget, const char *name) {
+    atk_object_set_name(gtk_widget_get_accessible(widget), name);
+}
+
+static void show_count(void) {
+    char text[64];
+    snprintf(text, sizeof text, "Count: %d", count);
+    gtk_label_set_text(GTK_LABEL(status_label), text);
+}
+
+static void on_increment(GtkButton *button, gpointer data) {
+    (void)button, (void)data;
+    count++;
+    show_count();
+}
+
+static void on_reset(GtkButton *button, gpointer data) {
+    (void)button, (void)data;
+    count = 0;
+    show_count();
+}
+
+/* Reports the last key the window received, with its modifiers, before any
+ * widget handles it (so Tab is reported even though it moves the focus). */
+static gboolean on_key_press(GtkWidget *widget, GdkEventKey *event, gpointer data) {
+    (void)widget, (void)data;
+    if (event->is_modifier) return FALSE;
+    GString *text = g_string_new("Last key: ");
+    GdkModifierType mods = event->state & gtk_accelerator_get_default_mod_mask();
+    if (mods & GDK_CONTROL_MASK) g_string_append(text, "Ctrl+");
+    if (mods & GDK_MOD1_MASK) g_string_append(text, "Alt+");
+    if (mods & GDK_SUPER_MASK) g_string_append(text, "Super+");
+    guint keyval = event->keyval == GDK_KEY_ISO_Left_Tab ? GDK_KEY_Tab : event->keyval;
+    const char *name = gdk_keyval_name(keyval);
+    g_string_append(text, name ? name : "unknown");
+    gtk_label_set_text(GTK_LABEL(key_label), text->str);
+    g_string_free(text, TRUE);
+    return FALSE;
+}
+
+/* Reports the click count GTK saw: a second press within the double-click
+ * time arrives as a 2BUTTON_PRESS. */
+static gboolean on_click_area(GtkWidget *widget, GdkEventButton *event, gpointer data) {
+    (void)widget, (void)data;
+    const char *kind = event->type == GDK_2BUTTON_PRESS   ? "double"
+                       : event->type == GDK_3BUTTON_PRESS ? "triple"
+                                                          : "single";
+    char text[96];
+    snprintf(text, sizeof text, "Last click: %s at %.0f,%.0f", kind, event->x_root,
+             event->y_root);
+    gtk_label_set_text(GTK_LABEL(click_label), text);
+    return FALSE;
+}
+
+static void on_scrolled(GtkAdjustment *adjustment, gpointer data) {
+    (void)data;
+    char text[64];
+    snprintf(text, sizeof text, "Scroll: %.0f", gtk_adjustment_get_value(adjustment));
+    gtk_label_set_text(GTK_LABEL(scroll_label), text);
+}
+
+static void on_active(GObject *object, GParamSpec *spec, gpointer data) {
+    (void)spec, (void)data;
+    if (announced || !gtk_window_is_active(GTK_WINDOW(object))) return;
+    announced = TRUE;
+    printf("ready\n");
+    fflush(stdout);
+}
+
+static GtkWidget *labelled_row(GtkWidget *box, const char *caption, GtkWidget *widget) {
+    GtkWidget *row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
+    GtkWidget *label = gtk_label_new(caption);
+    gtk_widget_set_size_request(label, 110, -1);
+    gtk_label_set_xalign(GTK_LABEL(label), 0);
+    gtk_box_pack_start(GTK_BOX(row), label, FALSE, FALSE, 0);
+    gtk_box_pack_start(GTK_BOX(row), widget, TRUE, TRUE, 0);
+    gtk_box_pack_start(GTK_BOX(box), row, FALSE, FALSE, 0);
+    return row;
+}
+
+static void build_main_window(const char *title) {
+    main_window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+    gtk_window_set_title(GTK_WINDOW(main_window), title);
+    gtk_window_set_default_size(GTK_WINDOW(main_window), 1280, 800);
+    gtk_window_move(GTK_WINDOW(main_window), 40, 40);
+    g_signal_connect(main_window, "destroy", G_CALLBACK(gtk_main_quit), NULL);
+    g_signal_connect(main_window, "key-press-event", G_CALLBACK(on_key_press), NULL);
+    g_signal_connect(main_window, "notify::is-active", G_CALLBACK(on_active), NULL);
+
+    GtkWidget *columns = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 16);
+    gtk_container_set_border_width(GTK_CONTAINER(columns), 16);
+    gtk_container_add(GTK_CONTAINER(main_window), columns);
+
+    GtkWidget *left = gtk_box_new(GTK_ORIENTATION_VERTICAL, 10);
+    gtk_widget_set_size_request(left, 560, -1);
+    gtk_box_pack_start(GTK_BOX(columns), left, FALSE, FALSE, 0);
+
+    GtkWidget *heading = gtk_label_new(NULL);
+    gtk_label_set_markup(GTK_LABEL(heading),
+                         "<span size='xx-large' weight='bold'>Observation Fixture</span>");
+    gtk_label_set_xalign(GTK_LABEL(heading), 0);
+    gtk_box_pack_start(GTK_BOX(left), heading, FALSE, FALSE, 8);
+
+    entry = gtk_entry_new();
+    gtk_entry_set_text(GTK_ENTRY(entry), "Ada Lovelace");
+    name_widget(entry, "Name");
+    labelled_row(left, "Name", entry);
+
+    password = gtk_entry_new();
+    gtk_entry_set_visibility(GTK_ENTRY(password), FALSE);
+    gtk_entry_set_input_purpose(GTK_ENTRY(password), GTK_INPUT_PURPOSE_PASSWORD);
+    name_widget(password, "Password");
+    labelled_row(left, "Password", password);
+
+    plain = g_object_new(plain_editor_get_type(), NULL);
+    plain_set_text(PLAIN_EDITOR(plain), "plain text");
+    name_widget(plain, "Plain editor");
+    labelled_row(left, "Plain editor", plain);
+
+    notes = gtk_text_view_new();
+    gtk_text_buffer_set_text(gtk_text_view_get_buffer(GTK_TEXT_VIEW(notes)),
+                             "First line\nSecond line", -1);
+    name_widget(notes, "Notes");
+    GtkWidget *notes_frame = gtk_frame_new(NULL);
+    gtk_widget_set_size_request(notes, -1, 120);
+    gtk_container_add(GTK_CONTAINER(notes_frame), notes);
+    labelled_row(left, "Notes", notes_frame);
+
+    GtkWidget *buttons = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
+    increment = gtk_button_new_with_label("Increment");
+    GtkWidget *reset = gtk_button_new_with_label("Reset");
+    g_signal_connect(increment, "clicked", G_CALLBACK(on_increment), NULL);
+    g_signal_connect(reset, "clicked", G_CALLBACK(on_reset), NULL);
+    gtk_box_pack_start(GTK_BOX(buttons), increment, FALSE, FALSE, 0);
+    gtk_box_pack_start(GTK_BOX(buttons), reset, FALSE, FALSE, 0);
+    gtk_box_pack_start(GTK_BOX(left), buttons, FALSE, FALSE, 0);
+
+    status_label = gtk_label_new("Count: 0");
+    key_label = gtk_label_new("Last key: none");
+    click_label = gtk_label_new("Last click: none");
+    scroll_label = gtk_label_new("Scroll: 0");
+    GtkWidget *reports[] = {status_label, key_label, click_label, scroll_label};
+    for (size_t i = 0; i < G_N_ELEMENTS(reports); i++) {
+        gtk_label_set_xalign(GTK_LABEL(reports[i]), 0);
+        gtk_box_pack_start(GTK_BOX(left), reports[i], FALSE, FALSE, 0);
+    }
+
+    GtkWidget *click_area = gtk_event_box_new();
+    GtkWidget *click_caption = gtk_label_new("Click target");
+    gtk_widget_set_size_request(click_area, 240, 80);
+    gtk_container_add(GTK_CONTAINER(click_area), click_caption);
+    gtk_widget_add_events(click_area, GDK_BUTTON_PRESS_MASK);
+    g_signal_connect(click_area, "button-press-event", G_CALLBACK(on_click_area), NULL);
+    GtkWidget *click_frame = gtk_frame_new(NULL);
+    gtk_container_add(GTK_CONTAINER(click_frame), click_area);
+    gtk_box_pack_start(GTK_BOX(left), click_frame, FALSE, FALSE, 0);
+
+    /* The long list: every row is a list item holding a label. */
+    GtkWidget *scroller = gtk_scrolled_window_new(NULL, NULL);
+    gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroller), GTK_POLICY_NEVER,
+                                   GTK_POLICY_ALWAYS);
+    gtk_box_pack_start(GTK_BOX(columns), scroller, TRUE, TRUE, 0);
+    list = gtk_list_box_new();
+    name_widget(list, "Rows");
+    for (int i = 1; i <= LIST_ROWS; i++) {
+        char text[32];
+        snprintf(text, sizeof text, "Row %d", i);
+        GtkWidget *label = gtk_label_new(text);
+        gtk_label_set_xalign(GTK_LABEL(label), 0);
+        gtk_list_box_insert(GTK_LIST_BOX(list), label, -1);
+    }
+    gtk_container_add(GTK_CONTAINER(scroller), list);
+    GtkAdjustment *vertical = gtk_scrolled_window_get_vadjustment(GTK_SCROLLED_WINDOW(scroller));
+    g_signal_connect(vertical, "value-changed", G_CALLBACK(on_scrolled), NULL);
+
+    gtk_widget_show_all(main_window);
+    gtk_widget_grab_focus(increment);
+}
+
+/* ---- Commands --------------------------------------------------------------- */
+
+static void open_second_window(void) {
+    if (second_window) return;
+    int x, y, width, height;
+    gtk_window_get_position(GTK_WINDOW(main_window), &x, &y);
+    gtk_window_get_size(GTK_WINDOW(main_window), &width, &height);
+    second_window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+    gtk_window_set_title(GTK_WINDOW(second_window), "Second Window");
+    gtk_window_set_default_size(GTK_WINDOW(second_window), width, height);
+    gtk_window_move(GTK_WINDOW(second_window), x, y);
+    gtk_container_add(GTK_CONTAINER(second_window), gtk_label_new("Second window"));
+    g_signal_connect(second_window, "destroy", G_CALLBACK(gtk_widget_destroyed), &second_window);
+    gtk_widget_show_all(second_window);
+    gtk_window_present(GTK_WINDOW(second_window));
+}
+
+static gboolean run_command(char *line) {
+    char *argument = strchr(line, ' ');
+    if (argument) *argument++ = '\0';
+    else argument = "";
+
+    if (!strcmp(line, "title")) {
+        gtk_window_set_title(GTK_WINDOW(main_window), argument);
+    } else if (!strcmp(line, "move")) {
+        int dx = 0, dy = 0, x, y;
+        sscanf(argument, "%d %d", &dx, &dy);
+        gtk_window_get_position(GTK_WINDOW(main_window), &x, &y);
+        gtk_window_move(GTK_WINDOW(main_window), x + dx, y + dy);
+    } else if (!strcmp(line, "second")) {
+        open_second_window();
+    } else if (!strcmp(line, "close-second")) {
+        if (second_window) gtk_widget_destroy(second_window);
+    } else if (!strcmp(line, "iconify")) {
+        gtk_window_iconify(GTK_WINDOW(main_window));
+        if (second_window) gtk_window_iconify(GTK_WINDOW(second_window));
+    } else if (!strcmp(line, "present")) {
+        gtk_window_deiconify(GTK_WINDOW(main_window));
+        gtk_window_present(GTK_WINDOW(main_window));
+    } else if (!strcmp(line, "label")) {
+        gtk_label_set_text(GTK_LABEL(status_label), argument);
+    } else if (!strcmp(line, "entry")) {
+        gtk_entry_set_text(GTK_ENTRY(entry), argument);
+    } else if (!strcmp(line, "password")) {
+        gtk_entry_set_text(GTK_ENTRY(password), argument);
+    } else if (!strcmp(line, "notes")) {
+        gtk_text_buffer_set_text(gtk_text_view_get_buffer(GTK_TEXT_VIEW(notes)), argument, -1);
+    } else if (!strcmp(line, "plain")) {
+        plain_set_text(PLAIN_EDITOR(plain), argument);
+    } else if (!strcmp(line, "focus")) {
+        GtkWidget *target = !strcmp(argument, "entry")      ? entry
+                            : !strcmp(argument, "password") ? password
+                            : !strcmp(argument, "notes")    ? notes
+                            : !strcmp(argument, "plain")    ? plain
+                            : !strcmp(argument, "list")     ? list
+                                                            : increment;
+        gtk_widget_grab_focus(target);
+    } else if (!strcmp(line, "freeze")) {
+        printf("ok\n");
+        fflush(stdout);
+        g_usleep((gulong)(atof(argument) * G_USEC_PER_SEC));
+        return TRUE;
+    } else if (!strcmp(line, "no-ping")) {
+        Display *display = GDK_DISPLAY_XDISPLAY(gdk_display_get_default());
+        Atom protocols[] = {XInternAtom(display, "WM_DELETE_WINDOW", False),
+                            XInternAtom(display, "WM_TAKE_FOCUS", False)};
+        XSetWMProtocols(display, GDK_WINDOW_XID(gtk_widget_get_window(main_window)), protocols,
+                        G_N_ELEMENTS(protocols));
+    } else if (!strcmp(line, "quit")) {
+        gtk_main_quit();
+    } else {
+        printf("unknown command\n");
+        fflush(stdout);
+        return TRUE;
+    }
+    /* Let the X server see the change before the caller looks at it. */
+    gdk_display_sync(gdk_display_get_default());
+    printf("ok\n");
+    fflush(stdout);
+    return TRUE;
+}
+
+static gboolean on_input(GIOChannel *channel, GIOCondition condition, gpointer data) {
+    (void)data;
+    gchar *line = NULL;
+    gsize terminator = 0;
+    GIOStatus status = G_IO_STATUS_EOF;
+    if (condition & (G_IO_IN | G_IO_PRI))
+        status = g_io_channel_read_line(channel, &line, NULL, &terminator, NULL);
+    if (status == G_IO_STATUS_AGAIN) return TRUE;
+    if (status != G_IO_STATUS_NORMAL || !line) {
+        g_free(line);
+        gtk_main_quit();
+        return FALSE;
+    }
+    line[terminator] = '\0';
+    run_command(line);
+    g_free(line);
+    return TRUE;
+}
+
+int main(int argc, char **argv) {
+    const char *title = "Quorvel Fixture";
+    gtk_init(&argc, &argv);
+    for (int i = 1; i + 1 < argc; i++)
+        if (!strcmp(argv[i], "--title")) title = argv[++i];
+    g_set_application_name("Quorvel Fixture");
+
+    /* A still window hashes the same every time: no blinking caret, no
+     * animations. */
+    g_object_set(gtk_settings_get_default(), "gtk-cursor-blink", FALSE, "gtk-enable-animations",
+                 FALSE, NULL);
+
+    build_main_window(title);
+    GIOChannel *input = g_io_channel_unix_new(0);
+    g_io_add_watch(input, G_IO_IN | G_IO_PRI | G_IO_HUP | G_IO_ERR, on_input, NULL);
+    gtk_main();
+    return 0;
+}

@@ -1,0 +1,120 @@
+// The Linux backend in this process, against the fixture: whatever the tree
+// scan prefetches serves that scan only, and the reads that guard input (the
+// focused element, the window, an editor's value) always ask the
+// application.
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "accessibility/element.h"
+#include "accessibility/window.h"
+#include "bridge/failure.h"
+#include "input_desktop.h"
+#include "platform/platform.h"
+
+namespace quorvel::e2e {
+namespace {
+
+// The first element under `root`, breadth-first, whose title is `title`.
+Element find(Platform& platform, const Element& root, const std::string& title) {
+    std::deque<Element> queue{root};
+    for (int visited = 0; !queue.empty() && visited < 3000; ++visited) {
+        Element element = queue.front();
+        queue.pop_front();
+        if (string(platform, element, "AXTitle") == title) return element;
+        Value children = attr(platform, element, "AXChildren");
+        if (auto* list = std::get_if<ElementList>(&children))
+            queue.insert(queue.end(), list->begin(), list->end());
+    }
+    return nullptr;
+}
+
+// The foreground window, or a test failure naming why there is none.
+Window front(Platform& platform) {
+    try {
+        return foreground(platform);
+    } catch (const Failure& failure) {
+        throw std::runtime_error(failure.message());
+    }
+}
+
+Element focused(Platform& platform, const Window& window) {
+    Element application =
+        platform.createApplicationElement(platform.processIdentifier(window.app));
+    return element(platform, application, "AXFocusedUIElement");
+}
+
+TEST(LiveReads, OnlyTheScanIsServedFromItsPrefetch) {
+    Fixture fixture;
+    Platform& platform = systemPlatform();
+    Window window = front(platform);
+    Element status = find(platform, window.root, "Count: 0");
+    ASSERT_TRUE(status);
+
+    platform.beginTreeScan(window.root);
+    EXPECT_EQ(string(platform, status, "AXTitle"), "Count: 0");
+    fixture.command("label Count: 7");
+    fixture.command("focus entry");
+    fixture.command("entry Grace Hopper");
+    // Within the scan, its elements read as they were when it began...
+    EXPECT_EQ(string(platform, status, "AXTitle"), "Count: 0");
+    // ...but which element has the focus is asked afresh.
+    Element editor = focused(platform, window);
+    ASSERT_TRUE(editor);
+    EXPECT_EQ(string(platform, editor, "AXRole"), "AXTextField");
+    EXPECT_EQ(string(platform, editor, "AXTitle"), "Name");
+    platform.endTreeScan();
+
+    // Once the scan ends, nothing of it remains: the editor's value, which
+    // guards typing, is the application's current one.
+    EXPECT_EQ(editorValue(platform, editor), "Grace Hopper");
+    EXPECT_EQ(string(platform, status, "AXTitle"), "Count: 7");
+    fixture.command("label Count: 8");
+    EXPECT_EQ(string(platform, status, "AXTitle"), "Count: 8");
+    // A new scan prefetches afresh.
+    platform.beginTreeScan(window.root);
+    EXPECT_EQ(string(platform, status, "AXTitle"), "Count: 8");
+    platform.endTreeScan();
+}
+
+TEST(LiveReads, FocusMovedBetweenTwoReadsIsSeen) {
+    Fixture fixture;
+    Platform& platform = systemPlatform();
+    Window window = front(platform);
+    fixture.command("focus entry");
+    Element first = focused(platform, window);
+    fixture.command("focus notes");
+    Element second = focused(platform, window);
+    ASSERT_TRUE(first && second);
+    EXPECT_FALSE(platform.equal(first, second));
+    EXPECT_EQ(string(platform, second, "AXRole"), "AXTextArea");
+    fixture.command("focus entry");
+    EXPECT_TRUE(platform.equal(first, focused(platform, window)));
+}
+
+TEST(LiveReads, OnlyEditorsThatOfferItCanBeSetThroughAccessibility) {
+    Fixture fixture;
+    Platform& platform = systemPlatform();
+    Window window = front(platform);
+    struct Case {
+        const char* focus;
+        bool settable;
+    } cases[] = {{"entry", true}, {"notes", true}, {"plain", false}};
+    for (const Case& c : cases) {
+        fixture.command(std::string("focus ") + c.focus);
+        Element editor = focused(platform, window);
+        ASSERT_TRUE(editor) << c.focus;
+        EXPECT_TRUE(editable(platform, editor)) << c.focus;
+        bool settable = !c.settable;
+        EXPECT_EQ(platform.isAttributeSettable(editor, "AXValue", settable), kAXErrorSuccess);
+        EXPECT_EQ(settable, c.settable) << c.focus;
+    }
+    fixture.command("focus entry");
+    Element entry = focused(platform, window);
+    ASSERT_EQ(platform.setAttributeValue(entry, "AXValue", "Set through accessibility"),
+              kAXErrorSuccess);
+    EXPECT_EQ(editorValue(platform, entry), "Set through accessibility");
+}
+
+}  // namespace
+}  // namespace quorvel::e2e
