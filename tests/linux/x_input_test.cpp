@@ -52,6 +52,34 @@ TEST(SpareKeys, LendsTheLeastRecentlyUsedConfirmedKeycode) {
     EXPECT_EQ(keys.newestUse(), 5u);
 }
 
+TEST(SpareKeys, LendsPlainLevelsFirstAndEachLevelOnItsOwn) {
+    SpareKeys keys({93, 97}, 2);
+    struct {
+        SpareKeys::Keysym keysym;
+        SpareKeys::Keycode keycode;
+        int level;
+    } expected[] = {{0x100, 93, 0}, {0x101, 97, 0}, {0x102, 93, 1}, {0x103, 97, 1}};
+    for (const auto& e : expected) {
+        auto lease = keys.lease(e.keysym, 1, 0);
+        ASSERT_TRUE(lease);
+        EXPECT_EQ(lease->keycode, e.keycode);
+        EXPECT_EQ(lease->level, e.level);
+    }
+    EXPECT_FALSE(keys.lease(0x104, 1, 0));
+    EXPECT_EQ(keys.levels(93), (std::vector<SpareKeys::Keysym>{0x100, 0x102}));
+
+    // 93's plain level serves batch 2 as well; once batch 1 is confirmed,
+    // 97's plain level is the oldest free one, and 97's Shift level keeps
+    // its keysym.
+    keys.lease(0x100, 2, 1);
+    auto lease = keys.lease(0x105, 2, 1);
+    ASSERT_TRUE(lease);
+    EXPECT_EQ(lease->keycode, 97u);
+    EXPECT_EQ(lease->level, 0);
+    EXPECT_EQ(keys.levels(97), (std::vector<SpareKeys::Keysym>{0x105, 0x103}));
+    EXPECT_EQ(keys.lent(), (std::vector<SpareKeys::Keycode>{93, 97}));
+}
+
 TEST(SpareKeys, ReportsWhatMustBeRestored) {
     SpareKeys none({});
     EXPECT_FALSE(none.available());

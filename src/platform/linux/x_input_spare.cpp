@@ -4,15 +4,18 @@
 
 namespace quorvel::linux_backend {
 
-SpareKeys::SpareKeys(std::vector<Keycode> keycodes) {
-    for (Keycode keycode : keycodes) slots_.push_back({keycode});
+SpareKeys::SpareKeys(std::vector<Keycode> keycodes, int levels) : levels_(levels) {
+    // Every keycode's plain level comes before any Shift level, so that
+    // plain keys, which need no Shift press, are lent first.
+    for (int level = 0; level < levels; ++level)
+        for (Keycode keycode : keycodes) slots_.push_back({keycode, level});
 }
 
 std::optional<SpareKeys::Lease> SpareKeys::lease(Keysym keysym, Batch batch, Batch confirmed) {
     for (Slot& slot : slots_) {
         if (slot.keysym == keysym) {
             slot.lastUse = batch;
-            return Lease{slot.keycode, false};
+            return Lease{slot.keycode, slot.level, false};
         }
     }
     Slot* pick = nullptr;
@@ -23,7 +26,7 @@ std::optional<SpareKeys::Lease> SpareKeys::lease(Keysym keysym, Batch batch, Bat
     if (!pick) return std::nullopt;
     pick->keysym = keysym;
     pick->lastUse = batch;
-    return Lease{pick->keycode, true};
+    return Lease{pick->keycode, pick->level, true};
 }
 
 SpareKeys::Batch SpareKeys::oldestAwaited(Batch confirmed) const {
@@ -43,8 +46,17 @@ SpareKeys::Batch SpareKeys::newestUse() const {
 std::vector<SpareKeys::Keycode> SpareKeys::lent() const {
     std::vector<Keycode> keycodes;
     for (const Slot& slot : slots_)
-        if (slot.keysym != 0) keycodes.push_back(slot.keycode);
+        if (slot.keysym != 0 &&
+            std::find(keycodes.begin(), keycodes.end(), slot.keycode) == keycodes.end())
+            keycodes.push_back(slot.keycode);
     return keycodes;
+}
+
+std::vector<SpareKeys::Keysym> SpareKeys::levels(Keycode keycode) const {
+    std::vector<Keysym> keysyms(static_cast<size_t>(levels_), 0);
+    for (const Slot& slot : slots_)
+        if (slot.keycode == keycode) keysyms[static_cast<size_t>(slot.level)] = slot.keysym;
+    return keysyms;
 }
 
 }  // namespace quorvel::linux_backend

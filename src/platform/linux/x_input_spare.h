@@ -7,6 +7,10 @@
 // that used it under the old one. Input goes out in numbered batches; the
 // caller learns which batches the application has handled ("confirmed") and
 // a keycode whose last use lies in an unconfirmed batch is never lent again.
+//
+// A keycode has two levels (plain and with Shift), each lent on its own:
+// giving one level a new keysym leaves the other's unchanged, so events that
+// used the other level still translate as they did.
 #pragma once
 
 #include <cstdint>
@@ -21,10 +25,12 @@ public:
     using Keysym = unsigned long;  // X keysyms; 0 is NoSymbol
     using Batch = std::uint64_t;   // batch numbers start at 1
 
-    explicit SpareKeys(std::vector<Keycode> keycodes);
+    // `levels` is 1, or 2 when a Shift key can reach the second level.
+    explicit SpareKeys(std::vector<Keycode> keycodes, int levels = 1);
 
     struct Lease {
         Keycode keycode;
+        int level;   // 0 plain, 1 with Shift
         bool remap;  // the keycode must be given `keysym` before it is pressed
     };
     // The keycode that types `keysym` in `batch`. A keycode already holding
@@ -39,15 +45,19 @@ public:
     Batch newestUse() const;
     // The keycodes that hold a character now, so that they can be restored.
     std::vector<Keycode> lent() const;
+    // What a keycode's levels hold now (0 for an empty level).
+    std::vector<Keysym> levels(Keycode keycode) const;
     bool available() const { return !slots_.empty(); }
 
 private:
     struct Slot {
         Keycode keycode;
+        int level = 0;
         Keysym keysym = 0;
         Batch lastUse = 0;
     };
     std::vector<Slot> slots_;
+    int levels_ = 1;
 };
 
 }  // namespace quorvel::linux_backend

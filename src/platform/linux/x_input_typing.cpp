@@ -61,7 +61,7 @@ void Typist::load() {
         original_.emplace(static_cast<KeyCode>(keycode), entry);
         spare.push_back(static_cast<SpareKeys::Keycode>(keycode));
     }
-    spare_ = SpareKeys(std::move(spare));
+    spare_ = SpareKeys(std::move(spare), shift_ ? 2 : 1);
 
     // What each key types now: its first and Shift levels in the active
     // group, with the locked modifiers (Caps Lock, Num Lock) applied, as the
@@ -121,9 +121,11 @@ std::optional<KeyStroke> Typist::strokeFor(KeySym keysym) {
         lease = spare_.lease(keysym, batch_, confirmed());
         if (!lease) return std::nullopt;
     }
-    if (lease->remap) remaps_.emplace_back(static_cast<KeyCode>(lease->keycode), keysym);
+    auto keycode = static_cast<KeyCode>(lease->keycode);
+    if (lease->remap && std::find(remaps_.begin(), remaps_.end(), keycode) == remaps_.end())
+        remaps_.push_back(keycode);
     batchUsedSpare_ = true;
-    return KeyStroke{static_cast<KeyCode>(lease->keycode), false};
+    return KeyStroke{keycode, lease->level == 1};
 }
 
 void Typist::setKeys(const std::vector<std::pair<KeyCode, KeyEntry>>& keys) {
@@ -153,12 +155,20 @@ void Typist::flush() {
     if (!remaps_.empty()) {
         deferred_termination::hold();
         std::vector<std::pair<KeyCode, KeyEntry>> keys;
-        for (const auto& [keycode, keysym] : remaps_) {
+        for (KeyCode keycode : remaps_) {
+            std::vector<SpareKeys::Keysym> levels = spare_.levels(keycode);
             KeyEntry entry;
-            entry.types[0] = XkbOneLevelIndex;
             entry.groupInfo = XkbSetNumGroups(0, 1);
-            entry.width = 1;
-            entry.syms = {keysym};
+            if (levels.size() > 1 && levels[1] != 0) {
+                // Shift reaches the second level whatever Caps Lock says.
+                entry.types[0] = XkbTwoLevelIndex;
+                entry.width = 2;
+                entry.syms = {levels[0], levels[1]};
+            } else {
+                entry.types[0] = XkbOneLevelIndex;
+                entry.width = 1;
+                entry.syms = {levels[0]};
+            }
             keys.emplace_back(keycode, std::move(entry));
         }
         setKeys(keys);

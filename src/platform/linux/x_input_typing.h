@@ -2,7 +2,8 @@
 //
 // A character that the layout types (at its first or Shift level, in the
 // active group) is typed with its own key. Any other character is put on a
-// spare keycode (one that the mapping leaves empty) and typed with that. The
+// level of a spare keycode (one that the mapping leaves empty) and typed
+// with that, with Shift for the second level. The
 // mapping stays changed until the process ends, so repeated characters cost
 // nothing, and is restored by `restore()`: before that, and before a spare
 // keycode gets another character, the application must have handled every
@@ -90,7 +91,7 @@ private:
     KeyCode shift_ = 0;
     std::unordered_map<KeyCode, KeyEntry> original_;  // spare keycodes as found
     SpareKeys spare_{{}};
-    std::vector<std::pair<KeyCode, KeySym>> remaps_;  // not sent yet
+    std::vector<KeyCode> remaps_;  // keycodes whose new keysyms are not sent yet
     std::vector<KeyStroke> queued_;                   // not pressed yet
     std::unique_ptr<HandledEvidence> evidence_;
     HandledEvidence::Batch batch_ = 1;    // the batch being sent
