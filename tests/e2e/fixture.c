@@ -337,8 +337,12 @@ static void build_main_window(const char *title) {
     gtk_text_buffer_set_text(gtk_text_view_get_buffer(GTK_TEXT_VIEW(notes)),
                              "First line\nSecond line", -1);
     name_widget(notes, "Notes");
-    GtkWidget *notes_frame = gtk_frame_new(NULL);
-    gtk_widget_set_size_request(notes, -1, 120);
+    /* Scrolled and wrapped, so that typing many lines never grows the
+     * window, which would change its scope in the middle of the typing. */
+    GtkWidget *notes_frame = gtk_scrolled_window_new(NULL, NULL);
+    gtk_scrolled_window_set_shadow_type(GTK_SCROLLED_WINDOW(notes_frame), GTK_SHADOW_IN);
+    gtk_text_view_set_wrap_mode(GTK_TEXT_VIEW(notes), GTK_WRAP_WORD_CHAR);
+    gtk_widget_set_size_request(notes_frame, -1, 120);
     gtk_container_add(GTK_CONTAINER(notes_frame), notes);
     labelled_row(left, "Notes", notes_frame);
 
