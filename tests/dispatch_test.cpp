@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <ostream>
 
 #include "bridge/dispatch.h"
 #include "scene.h"
@@ -21,6 +22,8 @@ struct Refusal {
     std::string request;
     std::string message;
 };
+
+void PrintTo(const Refusal& r, std::ostream* os) { *os << r.name; }
 
 class DispatchRefusal : public ::testing::TestWithParam<Refusal> {};
 

@@ -2,6 +2,7 @@
 // and silence on standard error.
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 #include "bridge/envelope.h"
@@ -25,6 +26,8 @@ struct ProcessCase {
     std::string out;
     int status;
 };
+
+void PrintTo(const ProcessCase& c, std::ostream* os) { *os << c.name; }
 
 class BridgeProcess : public ::testing::TestWithParam<ProcessCase> {};
 

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <ostream>
 
 #include "bridge/json.h"
 
@@ -12,6 +13,9 @@ struct WriteCase {
     Json value;
     std::string text;
 };
+
+// Failures name the case by the text it should write, not by raw bytes.
+void PrintTo(const WriteCase& c, std::ostream* os) { *os << "writes " << c.text; }
 
 class WriterTest : public ::testing::TestWithParam<WriteCase> {};
 
