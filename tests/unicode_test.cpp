@@ -59,8 +59,7 @@ INSTANTIATE_TEST_SUITE_P(
         DecodeCase{"above_10FFFF", "\xF4\x90\x80\x80", U"\uFFFD\uFFFD\uFFFD\uFFFD"},
         DecodeCase{"truncated_emoji_counts_once", "\xF0\x9F\x98" "x", U"\uFFFDx"},
         DecodeCase{"truncated_at_end", "a\xE2\x82", U"a\uFFFD"},
-        DecodeCase{"five_byte_form", "\xF8\x88\x80\x80\x80", U"\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD"},
-        DecodeCase{"nul_is_a_scalar", std::string("a\0b", 3), std::u32string(U"a\0b", 3)}),
+        DecodeCase{"five_byte_form", "\xF8\x88\x80\x80\x80", U"\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 struct CutCase {
@@ -87,18 +86,13 @@ const std::string kFlags = "\U0001F1FA\U0001F1F8\U0001F1EB\U0001F1F7";    // two
 INSTANTIATE_TEST_SUITE_P(
     Table, GraphemeCut,
     ::testing::Values(
-        CutCase{"shorter_than_limit", "abc", 5, "abc"},
         CutCase{"exactly_the_limit", "abc", 3, "abc"},
         CutCase{"zero", "abc", 0, ""},
         CutCase{"combining_mark_stays_with_its_base", "e\u0301e\u0301e\u0301", 2, "e\u0301e\u0301"},
-        CutCase{"several_marks", "a\u0301\u0302\u0303b", 1, "a\u0301\u0302\u0303"},
         CutCase{"family_at_start", kFamily + "x", 1, kFamily},
         CutCase{"family_after_a_letter", "x" + kFamily + "y", 2, "x" + kFamily},
         CutCase{"flags_pair_up_at_start", kFlags, 1, "\U0001F1FA\U0001F1F8"},
         CutCase{"flags_pair_up_after_a_letter", "x" + kFlags, 2, "x\U0001F1FA\U0001F1F8"},
-        CutCase{"crlf_is_one", "\r\nx", 1, "\r\n"},
-        CutCase{"hangul_jamo_syllable", "\u1100\u1161\u11A8x", 1, "\u1100\u1161\u11A8"},
-        CutCase{"skin_tone", "\U0001F44D\U0001F3FDx", 1, "\U0001F44D\U0001F3FD"},
         CutCase{"ill_formed_bytes_kept_as_they_are", "\xFF\xFEz", 2, "\xFF\xFE"}),
     [](const auto& info) { return std::string(info.param.name); });
 
@@ -109,13 +103,6 @@ TEST(GraphemeCut, CountsClustersNotCodePointsOrBytes) {
     for (int i = 0; i < 600; ++i) text += "e\u0301";
     std::string kept = firstGraphemes(text, 500);
     EXPECT_EQ(kept.size(), 500 * std::string("e\u0301").size());
-}
-
-TEST(Utf16Length, CountsSurrogatePairsAsTwo) {
-    EXPECT_EQ(utf16Length(""), 0u);
-    EXPECT_EQ(utf16Length("\u00E9"), 1u);
-    EXPECT_EQ(utf16Length("\U0001F600"), 2u);
-    EXPECT_EQ(utf16Length(kFamily), 8u);
 }
 
 struct EquivalenceCase {
@@ -140,11 +127,8 @@ TEST_P(CanonicalEquivalence, ComparesNormalisedText) {
 INSTANTIATE_TEST_SUITE_P(
     Table, CanonicalEquivalence,
     ::testing::Values(
-        EquivalenceCase{"identical", "caf\u00E9", "caf\u00E9", true},
         EquivalenceCase{"precomposed_against_combining", "caf\u00E9", "cafe\u0301", true},
         EquivalenceCase{"mark_order", "a\u0323\u0301", "a\u0301\u0323", true},
-        EquivalenceCase{"hangul_syllable_against_jamo", "\uAC01", "\u1100\u1161\u11A8", true},
-        EquivalenceCase{"ohm_sign_against_omega", "\u2126", "\u03A9", true},
         EquivalenceCase{"letter_case", "Caf\u00E9", "caf\u00E9", false},
         EquivalenceCase{"white_space", "a b", "a  b", false},
         EquivalenceCase{"compatibility_only", "\uFB01", "fi", false},
