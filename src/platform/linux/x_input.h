@@ -7,7 +7,8 @@
 //     display or no XTest extension, every event creation returns null.
 //   - Text typing may change the keyboard mapping; the destructor restores
 //     it, so the owner must destroy the XInput before the process exits
-//     (a function-local static is destroyed on return from main).
+//     (a function-local static is destroyed on return from main), and
+//     while AT-SPI still works: that restore may read the focused editor.
 //   - While the mapping is changed, SIGINT, SIGTERM, SIGHUP, SIGQUIT and
 //     SIGPIPE are held back and re-raised once it is restored.
 //   - The backend's non-fatal X error handler (x_errors.h) is installed when
