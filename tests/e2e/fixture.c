@@ -279,6 +279,9 @@ static void on_active(GObject *object, GParamSpec *spec, gpointer data) {
     (void)spec, (void)data;
     if (announced || !gtk_window_is_active(GTK_WINDOW(object))) return;
     announced = TRUE;
+    /* The entry selected its text when it held the focus for a moment at
+     * start; selected text is drawn inverted, which reads worse. */
+    gtk_editable_select_region(GTK_EDITABLE(entry), 0, 0);
     printf("ready\n");
     fflush(stdout);
 }
@@ -414,6 +417,15 @@ static void open_second_window(void) {
     gtk_window_present(GTK_WINDOW(second_window));
 }
 
+static gboolean answer_ok(gpointer data) {
+    (void)data;
+    /* Let the X server see the change before the caller looks at it. */
+    gdk_display_sync(gdk_display_get_default());
+    printf("ok\n");
+    fflush(stdout);
+    return G_SOURCE_REMOVE;
+}
+
 static gboolean run_command(char *line) {
     char *argument = strchr(line, ' ');
     if (argument) *argument++ = '\0';
@@ -472,10 +484,10 @@ static gboolean run_command(char *line) {
         fflush(stdout);
         return TRUE;
     }
-    /* Let the X server see the change before the caller looks at it. */
-    gdk_display_sync(gdk_display_get_default());
-    printf("ok\n");
-    fflush(stdout);
+    /* Answer once the change is complete: GTK finishes some of it in idle
+     * callbacks (the accessible focus follows the widget focus from one,
+     * painting happens in another), so the answer waits behind them. */
+    g_idle_add_full(G_PRIORITY_LOW, answer_ok, NULL, NULL);
     return TRUE;
 }
 

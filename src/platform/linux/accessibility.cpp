@@ -7,6 +7,7 @@
 
 #include "observation/scan.h"
 #include "platform/linux/atspi_bus.h"
+#include "platform/linux/direct_link.h"
 #include "platform/linux/live_facts.h"
 #include "platform/linux/tree_snapshot.h"
 
@@ -134,47 +135,35 @@ AtspiApplicationHandle::~AtspiApplicationHandle() {
 Accessibility::Accessibility(std::function<std::optional<std::string>()> rootWindowAddress)
     : rootWindowAddress_(std::move(rootWindowAddress)) {}
 
-Accessibility::~Accessibility() {
-    snapshot_.reset();
-    for (auto& [bus, connection] : direct_) {
-        if (!connection) continue;
-        dbus_connection_close(connection);
-        dbus_connection_unref(connection);
-    }
-}
+Accessibility::~Accessibility() = default;
 
-DBusConnection* Accessibility::connectionTo(const std::string& bus) {
-    DBusConnection* shared = atspi_get_a11y_bus();
-    if (bus.empty()) return shared;
-    auto known = direct_.find(bus);
-    if (known != direct_.end()) return known->second ? known->second : shared;
+DirectLink* Accessibility::linkTo(const std::string& bus) {
+    if (bus.empty()) return nullptr;
+    auto known = links_.find(bus);
+    if (known != links_.end()) return known->second && !known->second->broken() ? known->second.get() : nullptr;
 
     // Toolkits built on the AT-SPI bridge also listen on a socket of their
     // own. Talking to it directly skips the bus daemon, which otherwise
-    // relays every request and every reply: the tree scan's thousands of
-    // calls take a fraction of the time. Single reads stay on the bus: the
+    // relays every request and every reply, and lets the tree scan's
+    // thousands of calls go out together. Single reads stay on the bus: the
     // extra question would double what an application that does not answer
     // costs them.
-    DBusConnection* direct = nullptr;
     Message call(dbus_message_new_method_call(bus.c_str(), "/org/a11y/atspi/accessible/root",
                                               "org.a11y.atspi.Application",
                                               "GetApplicationBusAddress"));
     bool late = false;
-    Message reply = callAndWait(shared, std::move(call), timeoutMs_, &late);
+    Message reply = callAndWait(atspi_get_a11y_bus(), std::move(call), timeoutMs_, &late);
     if (late) return nullptr;  // asked again next time
     const char* address = nullptr;
+    std::unique_ptr<DirectLink> link;
     if (reply && dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN &&
         dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &address,
                               DBUS_TYPE_INVALID) &&
-        address && *address && !startsProcess(address)) {
-        DBusError error;
-        dbus_error_init(&error);
-        direct = dbus_connection_open_private(address, &error);
-        dbus_error_free(&error);
-        if (direct) dbus_connection_set_exit_on_disconnect(direct, FALSE);
-    }
-    direct_[bus] = direct;
-    return direct ? direct : shared;
+        address && *address)
+        link = DirectLink::open(address, timeoutMs_);
+    DirectLink* result = link.get();
+    links_[bus] = std::move(link);
+    return result;
 }
 
 bool Accessibility::connect() {
@@ -373,12 +362,8 @@ void Accessibility::beginTreeScan(const Element& root) {
     scanStalled_ = false;
     const AccessibleElement* target = atspi(root);
     if (!target || !connected_) return;
-    DBusConnection* bus = connectionTo(target->ref().bus);
-    if (!bus) {
-        scanStalled_ = true;  // the application did not answer
-        return;
-    }
-    snapshot_ = std::make_unique<TreeSnapshot>(*target, bus, timeoutMs_, kMaxNodes);
+    snapshot_ = std::make_unique<TreeSnapshot>(*target, atspi_get_a11y_bus(),
+                                               linkTo(target->ref().bus), timeoutMs_, kMaxNodes);
     scanStalled_ = snapshot_->stalled();
 }
 

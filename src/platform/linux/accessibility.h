@@ -18,6 +18,7 @@ struct _AtspiAccessible;
 namespace quorvel::linux_backend {
 
 class TreeSnapshot;
+class DirectLink;
 
 // An element handle: the object's identity on the bus (its application's
 // bus name and its path) and, when libatspi made it, one reference on the
@@ -105,16 +106,16 @@ private:
     _AtspiAccessible* findApplication(std::int32_t pid);
     AttributeRead focusedWindow(const AccessibleElement& application);
     AttributeRead focusedElement(const AccessibleElement& application);
-    // The connection to send an application's requests on: its own socket
-    // when it offers one, else the accessibility bus.
-    DBusConnection* connectionTo(const std::string& bus);
+    // A direct link to the application's own socket, for the tree scan;
+    // null when it offers none (its requests then go over the bus).
+    DirectLink* linkTo(const std::string& bus);
 
     std::function<std::optional<std::string>()> rootWindowAddress_;
     bool connectAttempted_ = false;
     bool connected_ = false;
     int timeoutMs_ = 2000;
-    // Direct connections by bus name; null where the application offers none.
-    std::map<std::string, DBusConnection*> direct_;
+    // Direct links by bus name; null where the application offers none.
+    std::map<std::string, std::unique_ptr<DirectLink>> links_;
     std::unique_ptr<TreeSnapshot> snapshot_;
     bool scanning_ = false;
     // Set when an application stopped answering during the current scan:

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "platform/linux/direct_link.h"
+
 namespace quorvel::linux_backend {
 namespace {
 
@@ -279,8 +281,8 @@ bool hasInterface(const std::vector<std::string>& interfaces, const char* name) 
     return false;
 }
 
-CallBatch::CallBatch(DBusConnection* connection, int timeoutMs)
-    : connection_(connection), timeoutMs_(timeoutMs) {}
+CallBatch::CallBatch(DBusConnection* connection, int timeoutMs, DirectLink* link)
+    : connection_(connection), timeoutMs_(timeoutMs), link_(link) {}
 
 CallBatch::~CallBatch() {
     for (DBusPendingCall* pending : pending_) {
@@ -293,6 +295,12 @@ CallBatch::~CallBatch() {
 }
 
 size_t CallBatch::add(Message call) {
+    if (link_) {
+        unsent_.push_back(std::move(call));
+        pending_.push_back(nullptr);
+        replies_.push_back(nullptr);
+        return pending_.size() - 1;
+    }
     DBusPendingCall* pending = nullptr;
     if (call && connection_ &&
         !dbus_connection_send_with_reply(connection_, call.get(), &pending, timeoutMs_))
@@ -303,6 +311,13 @@ size_t CallBatch::add(Message call) {
 }
 
 void CallBatch::wait() {
+    if (link_) {
+        std::vector<Message> replies = link_->exchange(std::move(unsent_), timeoutMs_, timedOut_);
+        unsent_.clear();
+        for (size_t i = 0; i < replies.size() && i < replies_.size(); ++i)
+            replies_[i] = replies[i].release();
+        return;
+    }
     for (size_t i = 0; i < pending_.size(); ++i) {
         DBusPendingCall* pending = pending_[i];
         if (!pending) continue;

@@ -89,12 +89,16 @@ bool hasInterface(const std::vector<std::string>& interfaces, const char* name);
 inline constexpr char kValueInterface[] = "org.a11y.atspi.Value";
 inline constexpr char kEditableTextInterface[] = "org.a11y.atspi.EditableText";
 
-// A set of calls in flight on one connection. Every call is written as soon
-// as it is added; `wait` then collects the replies. Each call has its own
-// time-out, counted from when it was sent.
+class DirectLink;
+
+// A set of calls in flight on one connection. On a bus connection every call
+// is written as soon as it is added, with its own time-out counted from then;
+// over a direct link the calls go out together when `wait` is called, and
+// the time-out counts from the last reply received. `wait` collects the
+// replies either way.
 class CallBatch {
 public:
-    CallBatch(DBusConnection* connection, int timeoutMs);
+    CallBatch(DBusConnection* connection, int timeoutMs, DirectLink* link = nullptr);
     ~CallBatch();
     CallBatch(const CallBatch&) = delete;
     CallBatch& operator=(const CallBatch&) = delete;
@@ -113,6 +117,8 @@ public:
 private:
     DBusConnection* connection_;
     int timeoutMs_;
+    DirectLink* link_;
+    std::vector<Message> unsent_;  // for the direct link
     std::vector<DBusPendingCall*> pending_;
     std::vector<DBusMessage*> replies_;
     bool timedOut_ = false;

@@ -93,18 +93,19 @@ Cache indexCache(std::vector<CacheItem> items, const std::string& bus) {
 
 }  // namespace
 
-TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, int timeoutMs,
-                           size_t limit)
+TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, DirectLink* link,
+                           int timeoutMs, size_t limit)
     : bus_(root.ref().bus) {
     Cache cache;
     {
-        bool late = false;
-        Message reply = callAndWait(bus, cacheItemsCall(bus_), timeoutMs, &late);
-        if (late) {
+        CallBatch batch(bus, timeoutMs, link);
+        batch.add(cacheItemsCall(bus_));
+        batch.wait();
+        if (batch.timedOut()) {
             stalled_ = true;
             return;
         }
-        if (auto items = parseCacheItems(reply.get())) cache = indexCache(std::move(*items), bus_);
+        if (auto items = parseCacheItems(batch.reply(0))) cache = indexCache(std::move(*items), bus_);
     }
 
     // The scan's visit list grows exactly as here: an element's children are
@@ -134,7 +135,7 @@ TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, i
             }
         };
 
-        CallBatch first(bus, timeoutMs);
+        CallBatch first(bus, timeoutMs, link);
         for (size_t i = 0; i < level.size(); ++i) {
             const ObjectRef& ref = level[i];
             Record& record = records_[ref.path];
@@ -164,7 +165,7 @@ TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, i
         }
         first.wait();
 
-        CallBatch second(bus, timeoutMs);
+        CallBatch second(bus, timeoutMs, link);
         for (size_t i = 0; i < level.size(); ++i) {
             const ObjectRef& ref = level[i];
             Record& record = records_[ref.path];

@@ -23,8 +23,10 @@ namespace quorvel::linux_backend {
 class TreeSnapshot {
 public:
     // Prefetches the tree under `root` as far as a breadth-first scan of at
-    // most `limit` elements reaches.
-    TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, int timeoutMs, size_t limit);
+    // most `limit` elements reaches, over `link` when there is one, else over
+    // the bus.
+    TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, DirectLink* link,
+                 int timeoutMs, size_t limit);
 
     // What was prefetched about one element; a fact that was not prefetched
     // is read from `live`. Null when the element is not in the snapshot.
