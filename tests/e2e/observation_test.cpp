@@ -26,7 +26,8 @@ extern char** environ;
 namespace quorvel::e2e {
 namespace {
 
-constexpr char kWindowChanged[] = "The foreground window changed. Observe again before sending input.";
+constexpr char kWindowChanged[] =
+    "The foreground window changed. Observe again before sending input.";
 constexpr char kNoForeground[] = "No foreground application. Unlock the desktop.";
 constexpr char kNotUnique[] =
     "The foreground window cannot be identified uniquely. Close overlapping duplicate windows "
@@ -153,7 +154,8 @@ TEST_F(Observation, ContextDescribesTheFixtureWindow) {
         EXPECT_EQ(record["visible"], true) << e.name;
         EXPECT_TRUE(inside(record["bounds"], scope["bounds"])) << e.name;
         EXPECT_GT(record["bounds"]["width"].get<double>(), 0) << e.name;
-        EXPECT_EQ(record["actions"], e.editable ? Json({"focus", "type", "replace"}) : Json({"click"}))
+        EXPECT_EQ(record["actions"],
+                  e.editable ? Json({"focus", "type", "replace"}) : Json({"click"}))
             << e.name;
     }
     // Labels sit left of their fields, in the same row.

@@ -49,7 +49,8 @@ std::vector<std::optional<StateBits>> statesOf(const std::vector<Element>& eleme
 }
 
 // The first descendant of `window` with the FOCUSED state, found by the
-// application itself in one Collection query.
+// application itself in one Collection query: null when there is none or the
+// application did not answer, empty when it offers no Collection interface.
 std::optional<Element> focusedByCollection(AtspiAccessible* window) {
     if (!window) return std::nullopt;
     AtspiCollection* collection = atspi_accessible_get_collection_iface(window);
@@ -62,9 +63,8 @@ std::optional<Element> focusedByCollection(AtspiAccessible* window) {
     GError* error = nullptr;
     GArray* found = atspi_collection_get_matches(
         collection, rule, ATSPI_Collection_SORT_ORDER_CANONICAL, 1, TRUE, &error);
-    std::optional<Element> result;
+    std::optional<Element> result = Element{};
     if (found && !error) {
-        result = Element{};
         for (guint i = 0; i < found->len; ++i) {
             AtspiAccessible* match = g_array_index(found, AtspiAccessible*, i);
             if (match && !*result) result = std::make_shared<AccessibleElement>(match, false);
@@ -115,12 +115,6 @@ AccessibleElement::~AccessibleElement() {
     if (accessible_) g_object_unref(accessible_);
 }
 
-Element wrap(AtspiAccessible* accessible, bool application) {
-    if (!accessible) return nullptr;
-    g_object_ref(accessible);
-    return std::make_shared<AccessibleElement>(accessible, application);
-}
-
 Element elementFor(ObjectRef ref) {
     return std::make_shared<AccessibleElement>(std::move(ref), false);
 }
@@ -140,7 +134,10 @@ Accessibility::~Accessibility() = default;
 DirectLink* Accessibility::linkTo(const std::string& bus) {
     if (bus.empty()) return nullptr;
     auto known = links_.find(bus);
-    if (known != links_.end()) return known->second && !known->second->broken() ? known->second.get() : nullptr;
+    if (known != links_.end()) {
+        DirectLink* link = known->second.get();
+        return link && !link->broken() ? link : nullptr;
+    }
 
     // Toolkits built on the AT-SPI bridge also listen on a socket of their
     // own. Talking to it directly skips the bus daemon, which otherwise
@@ -309,7 +306,8 @@ AttributeRead Accessibility::read(const Element& element, std::string_view attri
     bool timedOut = false;
     LiveFacts live(target->ref(), atspi_get_a11y_bus(), timeoutMs_, &timedOut);
     AttributeRead result;
-    if (std::unique_ptr<ElementFacts> cached = snapshot_ ? snapshot_->facts(*target, live) : nullptr)
+    if (std::unique_ptr<ElementFacts> cached =
+            snapshot_ ? snapshot_->facts(*target, live) : nullptr)
         result = readAttribute(*cached, attribute);
     else
         result = readAttribute(live, attribute);
@@ -333,7 +331,8 @@ AXError Accessibility::isSettable(const Element& element, std::string_view attri
     auto names = parseInterfaces(batch.reply(interfaces));
     auto bits = parseStates(batch.reply(states));
     if (!names || !bits) return kAXErrorCannotComplete;
-    settable = hasInterface(*names, kEditableTextInterface) && hasState(*bits, ATSPI_STATE_EDITABLE);
+    settable =
+        hasInterface(*names, kEditableTextInterface) && hasState(*bits, ATSPI_STATE_EDITABLE);
     return kAXErrorSuccess;
 }
 

@@ -48,8 +48,6 @@ private:
     bool application_;
 };
 
-// Wraps a libatspi object (adding a reference) as an element handle.
-Element wrap(_AtspiAccessible* accessible, bool application = false);
 // An element handle for an object known only by its identity.
 Element elementFor(ObjectRef ref);
 

@@ -192,8 +192,8 @@ std::vector<Message> DirectLink::exchange(std::vector<Message> calls, int timeou
         // Whole messages out of what has arrived.
         size_t used = 0;
         while (unread_.size() - used >= 16) {
-            int needed = dbus_message_demarshal_bytes_needed(unread_.data() + used,
-                                                             static_cast<int>(unread_.size() - used));
+            int needed = dbus_message_demarshal_bytes_needed(
+                unread_.data() + used, static_cast<int>(unread_.size() - used));
             if (needed < 0) {
                 close();
                 break;

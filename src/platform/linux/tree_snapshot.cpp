@@ -105,7 +105,8 @@ TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, D
             stalled_ = true;
             return;
         }
-        if (auto items = parseCacheItems(batch.reply(0))) cache = indexCache(std::move(*items), bus_);
+        if (auto items = parseCacheItems(batch.reply(0)))
+            cache = indexCache(std::move(*items), bus_);
     }
 
     // The scan's visit list grows exactly as here: an element's children are
@@ -152,7 +153,8 @@ TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, D
             record.states = item->second.states;
             record.properties.name = item->second.name;
             record.properties.description = item->second.description;
-            if (item->second.childCount >= 0) record.properties.childCount = item->second.childCount;
+            if (item->second.childCount >= 0)
+                record.properties.childCount = item->second.childCount;
             else c.properties = first.add(accessiblePropertiesCall(ref));
             record.hasValue = hasInterface(item->second.interfaces, kValueInterface);
             askContents(first, c, record, ref);
@@ -172,7 +174,8 @@ TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, D
             Calls& c = calls[i];
             record.extents = parseExtents(first.reply(*c.extents));
             if (c.properties) {
-                AccessibleProperties properties = parseAccessibleProperties(first.reply(*c.properties));
+                AccessibleProperties properties =
+                    parseAccessibleProperties(first.reply(*c.properties));
                 if (!record.properties.name) record.properties = properties;
                 else record.properties.childCount = properties.childCount;
             }
