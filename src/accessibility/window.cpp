@@ -63,7 +63,7 @@ Window foreground(Platform& platform) {
     if (!frame || !(width(*frame) > 0) || !(height(*frame) > 0)) fail(kNoAccessibleBounds);
 
     std::optional<std::vector<WindowListEntry>> list =
-        platform.copyWindowInfo(kWindowListOptions, kCGNullWindowID);
+        platform.copyWindowInfo(kWindowListOptions, kNullWindowID);
     const WindowListEntry* match = nullptr;
     int matchCount = 0;
     if (list) {

@@ -108,7 +108,7 @@ struct WindowListEntry {
 inline constexpr std::uint32_t kCGWindowListOptionOnScreenOnly = 1;
 inline constexpr std::uint32_t kCGWindowListOptionIncludingWindow = 8;
 inline constexpr std::uint32_t kCGWindowListExcludeDesktopElements = 16;
-inline constexpr std::uint32_t kCGNullWindowID = 0;
+inline constexpr std::uint32_t kNullWindowID = 0;  // no reference window
 inline constexpr std::uint32_t kCGWindowImageBoundsIgnoreFraming = 1;
 inline constexpr std::uint32_t kCGWindowImageBestResolution = 8;
 

@@ -4,9 +4,6 @@
 // and Core Graphics types; no Objective-C type appears here.
 #pragma once
 
-// The seam comes before any SDK header: Core Graphics defines
-// kCGNullWindowID as a macro, which would rewrite the seam's constant of the
-// same name.
 #include "platform/platform.h"
 
 #include <ApplicationServices/ApplicationServices.h>
