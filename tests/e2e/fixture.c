@@ -275,6 +275,14 @@ static void on_scrolled(GtkAdjustment *adjustment, gpointer data) {
     gtk_label_set_text(GTK_LABEL(scroll_label), text);
 }
 
+static gboolean announce_ready(gpointer data) {
+    (void)data;
+    gdk_display_sync(gdk_display_get_default());
+    printf("ready\n");
+    fflush(stdout);
+    return G_SOURCE_REMOVE;
+}
+
 static void on_active(GObject *object, GParamSpec *spec, gpointer data) {
     (void)spec, (void)data;
     if (announced || !gtk_window_is_active(GTK_WINDOW(object))) return;
@@ -282,8 +290,9 @@ static void on_active(GObject *object, GParamSpec *spec, gpointer data) {
     /* The entry selected its text when it held the focus for a moment at
      * start; selected text is drawn inverted, which reads worse. */
     gtk_editable_select_region(GTK_EDITABLE(entry), 0, 0);
-    printf("ready\n");
-    fflush(stdout);
+    /* The window manager may still be placing and framing the window when
+     * it first becomes active; give it a moment to settle. */
+    g_timeout_add(250, announce_ready, NULL);
 }
 
 static GtkWidget *labelled_row(GtkWidget *box, const char *caption, GtkWidget *widget) {

@@ -4,7 +4,9 @@
 // application.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <deque>
+#include <thread>
 
 #include "accessibility/element.h"
 #include "accessibility/window.h"
@@ -29,12 +31,16 @@ Element find(Platform& platform, const Element& root, const std::string& title) 
     return nullptr;
 }
 
-// The foreground window, or a test failure naming why there is none.
+// The foreground window, or a test failure naming why there is none. A
+// window that has only just appeared may still be settling into place.
 Window front(Platform& platform) {
-    try {
-        return foreground(platform);
-    } catch (const Failure& failure) {
-        throw std::runtime_error(failure.message());
+    for (int attempt = 0;; ++attempt) {
+        try {
+            return foreground(platform);
+        } catch (const Failure& failure) {
+            if (attempt == 20) throw std::runtime_error(failure.message());
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
 }
 
