@@ -11,11 +11,17 @@ add_library(quorvel_platform STATIC ${QUORVEL_LINUX_SOURCES})
 target_link_libraries(quorvel_platform PUBLIC quorvel_core)
 
 # The read side: libatspi and libdbus for the accessibility tree, Xlib for
-# windows and their images, Tesseract for text recognition.
+# windows and their images. Tesseract, for text recognition, is loaded by
+# name when first needed (text_recognition.h), so only its headers are used
+# here.
 pkg_check_modules(QUORVEL_LINUX_READ REQUIRED IMPORTED_TARGET
-  atspi-2 dbus-1 glib-2.0 gobject-2.0 x11 tesseract lept)
-find_package(OpenMP REQUIRED)  # Tesseract's runtime, held to the calling thread
-target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_LINUX_READ OpenMP::OpenMP_CXX)
+  atspi-2 dbus-1 glib-2.0 gobject-2.0 x11)
+pkg_check_modules(QUORVEL_TESSERACT REQUIRED tesseract)
+string(REGEX MATCH "^[0-9]+" QUORVEL_TESSERACT_MAJOR "${QUORVEL_TESSERACT_VERSION}")
+target_include_directories(quorvel_platform PRIVATE ${QUORVEL_TESSERACT_INCLUDE_DIRS})
+target_compile_definitions(quorvel_platform PRIVATE
+  QUORVEL_TESSERACT_SONAME="libtesseract.so.${QUORVEL_TESSERACT_MAJOR}")
+target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_LINUX_READ ${CMAKE_DL_LIBS})
 
 # XTest input: Xlib and XTest, xkbcommon's character-to-keysym table, and
 # AT-SPI for reading the focused editor while typing.

@@ -1,21 +1,23 @@
-// Text recognition with the Tesseract API, on the captured pixels in memory.
+// Text recognition with Tesseract, on the captured pixels in memory.
+//
+// The library is loaded when text is first to be recognised, not when the
+// bridge starts: it brings a long list of libraries and thousands of
+// parameter objects built at load time, which would add tens of
+// milliseconds to every request, though only "observe" recognises text.
 #pragma once
 
-#include <memory>
 #include <vector>
 
 #include "platform/linux/x_capture.h"
 #include "platform/platform.h"
 
-namespace tesseract {
-class TessBaseAPI;
-}
-
 namespace quorvel::linux_backend {
+
+struct TesseractLibrary;
 
 class TextRecognizer {
 public:
-    TextRecognizer();
+    TextRecognizer() = default;
     ~TextRecognizer();
     TextRecognizer(const TextRecognizer&) = delete;
     TextRecognizer& operator=(const TextRecognizer&) = delete;
@@ -28,7 +30,8 @@ public:
 
 private:
     void start();
-    std::unique_ptr<tesseract::TessBaseAPI> engine_;
+    const TesseractLibrary* library_ = nullptr;
+    void* engine_ = nullptr;  // a TessBaseAPI
 };
 
 // A line's box in pixels (left, top, right, bottom; top-left origin) as a
