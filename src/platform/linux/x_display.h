@@ -51,7 +51,9 @@ public:
     // _NET_WM_PID of a client window.
     std::optional<std::int64_t> windowPid(XWindowId);
     // The on-screen windows, front to back (_NET_CLIENT_LIST_STACKING);
-    // empty when the window manager publishes no list.
+    // empty when the window manager publishes no list. An entry's number is
+    // the client window's id (X ids have 29 bits, so it fits the 32 bits of
+    // a window number), its bounds those of the frame around it.
     std::optional<std::vector<WindowListEntry>> windowList(bool onScreenOnly,
                                                            bool excludeDesktop);
     // A text property of the root window (the accessibility bus address).
