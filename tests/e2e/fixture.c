@@ -283,8 +283,8 @@ static gboolean announce_ready(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
-static void on_active(GObject *object, GParamSpec *spec, gpointer data) {
-    (void)spec, (void)data;
+static void on_active(GObject *object, GParamSpec *pspec, gpointer data) {
+    (void)pspec, (void)data;
     if (announced || !gtk_window_is_active(GTK_WINDOW(object))) return;
     announced = TRUE;
     /* The entry selected its text when it held the focus for a moment at
