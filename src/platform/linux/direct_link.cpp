@@ -85,7 +85,10 @@ std::string socketPath(const std::string& address) {
         size_t end = pairs.find(',', start);
         std::string pair = pairs.substr(start, end == std::string::npos ? end : end - start);
         if (pair.rfind("path=", 0) == 0) return unescape(pair.substr(5));
-        if (pair.rfind("abstract=", 0) == 0) return std::string(1, '\0') + unescape(pair.substr(9));
+        if (pair.rfind("abstract=", 0) == 0) {
+            std::string path(1, '\0');
+            return path.append(unescape(pair.substr(9)));
+        }
         if (end == std::string::npos) break;
         start = end + 1;
     }
