@@ -22,23 +22,14 @@ const AccessibleElement* atspi(const Element& element) {
     return dynamic_cast<const AccessibleElement*>(element.get());
 }
 
-// The application's top-level objects, in order.
-std::vector<Element> topLevels(AtspiAccessible* application) {
-    std::vector<Element> windows;
-    GError* error = nullptr;
-    gint count = atspi_accessible_get_child_count(application, &error);
-    g_clear_error(&error);
-    for (gint i = 0; i < count; ++i) {
-        AtspiAccessible* window = atspi_accessible_get_child_at_index(application, i, &error);
-        g_clear_error(&error);
-        if (window) windows.push_back(std::make_shared<AccessibleElement>(window, false));
-    }
-    return windows;
+// The children of `ref`, asked of its application; none when it does not say.
+ElementList childrenOf(const ObjectRef& ref, DBusConnection* bus, int timeoutMs) {
+    return LiveFacts(ref, bus, timeoutMs).children().value_or(ElementList{});
 }
 
 // The states of several objects, asked for all at once.
-std::vector<std::optional<StateBits>> statesOf(const std::vector<Element>& elements,
-                                               DBusConnection* bus, int timeoutMs) {
+std::vector<std::optional<StateBits>> statesOf(const ElementList& elements, DBusConnection* bus,
+                                               int timeoutMs) {
     if (elements.empty()) return {};
     CallBatch batch(bus, timeoutMs);
     for (const Element& element : elements) batch.add(stateCall(atspi(element)->ref()));
@@ -51,32 +42,15 @@ std::vector<std::optional<StateBits>> statesOf(const std::vector<Element>& eleme
 // The first descendant of `window` with the FOCUSED state, found by the
 // application itself in one Collection query: null when there is none or the
 // application did not answer, empty when it offers no Collection interface.
-std::optional<Element> focusedByCollection(AtspiAccessible* window) {
-    if (!window) return std::nullopt;
-    AtspiCollection* collection = atspi_accessible_get_collection_iface(window);
-    if (!collection) return std::nullopt;
-    AtspiStateSet* focused = atspi_state_set_new(nullptr);
-    atspi_state_set_add(focused, ATSPI_STATE_FOCUSED);
-    AtspiMatchRule* rule = atspi_match_rule_new(
-        focused, ATSPI_Collection_MATCH_ALL, nullptr, ATSPI_Collection_MATCH_ALL, nullptr,
-        ATSPI_Collection_MATCH_ALL, nullptr, ATSPI_Collection_MATCH_ALL, FALSE);
-    GError* error = nullptr;
-    GArray* found = atspi_collection_get_matches(
-        collection, rule, ATSPI_Collection_SORT_ORDER_CANONICAL, 1, TRUE, &error);
-    std::optional<Element> result = Element{};
-    if (found && !error) {
-        for (guint i = 0; i < found->len; ++i) {
-            AtspiAccessible* match = g_array_index(found, AtspiAccessible*, i);
-            if (match && !*result) result = std::make_shared<AccessibleElement>(match, false);
-            else if (match) g_object_unref(match);
-        }
-    }
-    if (found) g_array_free(found, TRUE);
-    g_clear_error(&error);
-    g_object_unref(rule);
-    g_object_unref(focused);
-    g_object_unref(collection);
-    return result;
+std::optional<Element> focusedByCollection(const ObjectRef& window, DBusConnection* bus,
+                                           int timeoutMs) {
+    CallBatch batch(bus, timeoutMs);
+    size_t call = batch.add(focusedDescendantCall(window));
+    batch.wait();
+    if (batch.unsupported(call)) return std::nullopt;
+    auto matches = parseMatches(batch.reply(call));
+    if (!matches || matches->empty()) return Element{};
+    return elementFor(std::move(matches->front()));
 }
 
 // The same search, walking the tree one level at a time.
@@ -101,29 +75,11 @@ Element focusedByWalk(const Element& window, DBusConnection* bus, int timeoutMs)
 
 }  // namespace
 
-AccessibleElement::AccessibleElement(AtspiAccessible* accessible, bool application)
-    : accessible_(accessible), application_(application) {
-    const AtspiObject& object = accessible->parent;
-    if (object.app && object.app->bus_name) ref_.bus = object.app->bus_name;
-    if (object.path) ref_.path = object.path;
-}
-
 AccessibleElement::AccessibleElement(ObjectRef ref, bool application)
     : ref_(std::move(ref)), application_(application) {}
 
-AccessibleElement::~AccessibleElement() {
-    if (accessible_) g_object_unref(accessible_);
-}
-
 Element elementFor(ObjectRef ref) {
     return std::make_shared<AccessibleElement>(std::move(ref), false);
-}
-
-AtspiApplicationHandle::AtspiApplicationHandle(std::int32_t pid, AtspiAccessible* application)
-    : pid_(pid), application_(application) {}
-
-AtspiApplicationHandle::~AtspiApplicationHandle() {
-    if (application_) g_object_unref(application_);
 }
 
 Accessibility::Accessibility(std::function<std::optional<std::string>()> rootWindowAddress)
@@ -179,78 +135,60 @@ bool Accessibility::connect() {
 }
 
 bool Accessibility::reachable() {
+    // Access belongs to the session, not to a moment: once the registry has
+    // answered, it stays granted for the rest of this short-lived process.
+    if (reachable_) return true;
     if (!connect()) return false;
-    AtspiAccessible* desktop = atspi_get_desktop(0);
-    if (!desktop) return false;
-    GError* error = nullptr;
-    gint count = atspi_accessible_get_child_count(desktop, &error);
-    bool answered = !error && count >= 0;
-    g_clear_error(&error);
-    g_object_unref(desktop);
-    return answered;
+    reachable_ =
+        parseChildren(callAndWait(atspi_get_a11y_bus(), childrenCall(kRegistryRoot), timeoutMs_)
+                          .get())
+            .has_value();
+    return reachable_;
 }
 
-AtspiAccessible* Accessibility::findApplication(std::int32_t pid) {
-    if (!connect() || pid <= 0) return nullptr;
-    AtspiAccessible* desktop = atspi_get_desktop(0);
-    if (!desktop) return nullptr;
-    GError* error = nullptr;
-    gint count = atspi_accessible_get_child_count(desktop, &error);
-    g_clear_error(&error);
-    std::vector<AtspiAccessible*> matches;
-    for (gint i = 0; i < count; ++i) {
-        AtspiAccessible* app = atspi_accessible_get_child_at_index(desktop, i, &error);
-        g_clear_error(&error);
-        if (!app) continue;
-        guint owner = atspi_accessible_get_process_id(app, &error);
-        bool match = !error && static_cast<std::int64_t>(owner) == pid;
-        g_clear_error(&error);
-        if (match) matches.push_back(app);
-        else g_object_unref(app);
-    }
-    g_object_unref(desktop);
-    if (matches.empty()) return nullptr;
+std::optional<ObjectRef> Accessibility::findApplication(std::int32_t pid) {
+    if (!connect() || pid <= 0) return std::nullopt;
+    DBusConnection* bus = atspi_get_a11y_bus();
+    // Every registered application, then the owner of each, asked together.
+    auto applications =
+        parseChildren(callAndWait(bus, childrenCall(kRegistryRoot), timeoutMs_).get());
+    if (!applications) return std::nullopt;
+    CallBatch owners(bus, timeoutMs_);
+    for (const ObjectRef& app : *applications) owners.add(processIdCall(app.bus));
+    owners.wait();
+    std::vector<ObjectRef> matches;
+    for (size_t i = 0; i < applications->size(); ++i)
+        if (parseProcessId(owners.reply(i)) == pid) matches.push_back((*applications)[i]);
+    if (matches.empty()) return std::nullopt;
 
     // A process may register more than one application; the one with the
     // active window is the one in front.
-    AtspiAccessible* chosen = matches.front();
     if (matches.size() > 1) {
-        for (AtspiAccessible* app : matches) {
-            std::vector<Element> windows = topLevels(app);
-            bool active = false;
-            for (const auto& states : statesOf(windows, atspi_get_a11y_bus(), timeoutMs_))
-                active = active || (states && hasState(*states, ATSPI_STATE_ACTIVE));
-            if (active) {
-                chosen = app;
-                break;
-            }
+        for (const ObjectRef& app : matches) {
+            ElementList windows = childrenOf(app, bus, timeoutMs_);
+            for (const auto& states : statesOf(windows, bus, timeoutMs_))
+                if (states && hasState(*states, ATSPI_STATE_ACTIVE)) return app;
         }
     }
-    for (AtspiAccessible* app : matches)
-        if (app != chosen) g_object_unref(app);
-    return chosen;
+    return matches.front();
 }
 
 Application Accessibility::application(std::int32_t pid) {
-    return std::make_shared<AtspiApplicationHandle>(pid, findApplication(pid));
+    return std::make_shared<ApplicationHandle>(pid);
 }
 
 std::optional<std::string> Accessibility::applicationName(const Application& app) {
-    auto* handle = dynamic_cast<const AtspiApplicationHandle*>(app.get());
-    if (!handle || !handle->application()) return std::nullopt;
-    GError* error = nullptr;
-    gchar* name = atspi_accessible_get_name(handle->application(), &error);
-    std::optional<std::string> result;
-    if (!error && name) result = name;
-    g_clear_error(&error);
-    g_free(name);
-    return result;
+    auto* handle = dynamic_cast<const ApplicationHandle*>(app.get());
+    if (!handle) return std::nullopt;
+    std::optional<ObjectRef> ref = findApplication(handle->pid());
+    if (!ref) return std::nullopt;
+    return LiveFacts(*ref, atspi_get_a11y_bus(), timeoutMs_).name();
 }
 
 Element Accessibility::applicationElement(std::int32_t pid) {
-    AtspiAccessible* app = findApplication(pid);
-    if (!app) return nullptr;
-    return std::make_shared<AccessibleElement>(app, true);
+    std::optional<ObjectRef> ref = findApplication(pid);
+    if (!ref) return nullptr;
+    return std::make_shared<AccessibleElement>(std::move(*ref), true);
 }
 
 void Accessibility::setTimeout(float seconds) {
@@ -260,9 +198,9 @@ void Accessibility::setTimeout(float seconds) {
 }
 
 AttributeRead Accessibility::focusedWindow(const AccessibleElement& application) {
-    std::vector<Element> windows = topLevels(application.accessible());
-    std::vector<std::optional<StateBits>> states =
-        statesOf(windows, atspi_get_a11y_bus(), timeoutMs_);
+    DBusConnection* bus = atspi_get_a11y_bus();
+    ElementList windows = childrenOf(application.ref(), bus, timeoutMs_);
+    std::vector<std::optional<StateBits>> states = statesOf(windows, bus, timeoutMs_);
     for (size_t i = 0; i < windows.size(); ++i)
         if (states[i] && hasState(*states[i], ATSPI_STATE_ACTIVE))
             return {kAXErrorSuccess, windows[i]};
@@ -272,17 +210,17 @@ AttributeRead Accessibility::focusedWindow(const AccessibleElement& application)
 AttributeRead Accessibility::focusedElement(const AccessibleElement& application) {
     // A toolkit marks the focused widget of its active window, so the active
     // windows are searched first.
-    std::vector<Element> windows = topLevels(application.accessible());
     DBusConnection* bus = atspi_get_a11y_bus();
+    ElementList windows = childrenOf(application.ref(), bus, timeoutMs_);
     std::vector<std::optional<StateBits>> states = statesOf(windows, bus, timeoutMs_);
-    std::vector<Element> ordered;
+    ElementList ordered;
     for (size_t i = 0; i < windows.size(); ++i)
         if (states[i] && hasState(*states[i], ATSPI_STATE_ACTIVE)) ordered.push_back(windows[i]);
     for (size_t i = 0; i < windows.size(); ++i)
         if (!states[i] || !hasState(*states[i], ATSPI_STATE_ACTIVE))
             ordered.push_back(windows[i]);
     for (const Element& window : ordered) {
-        std::optional<Element> focused = focusedByCollection(atspi(window)->accessible());
+        std::optional<Element> focused = focusedByCollection(atspi(window)->ref(), bus, timeoutMs_);
         if (!focused) focused = focusedByWalk(window, bus, timeoutMs_);
         if (*focused) return {kAXErrorSuccess, *focused};
     }

@@ -13,59 +13,41 @@
 #include "platform/linux/atspi_calls.h"
 #include "platform/platform.h"
 
-struct _AtspiAccessible;
-
 namespace quorvel::linux_backend {
 
 class TreeSnapshot;
 class DirectLink;
 
-// An element handle: the object's identity on the bus (its application's
-// bus name and its path) and, when libatspi made it, one reference on the
-// libatspi object, given back when the last owner lets go. Elements found by
-// the tree scan carry only their identity: turning each of a thousand
-// children into a libatspi object would cost a round trip apiece, and every
-// read goes through the same method calls either way.
+// An element handle: the object's identity on the bus, its application's bus
+// name and its path. Every read asks the application with its own method
+// calls (atspi_calls.h) rather than through libatspi objects, which would
+// cost a round trip apiece to make and another for each property.
 class AccessibleElement final : public ElementObject {
 public:
-    // Takes over one reference on `accessible`.
-    AccessibleElement(_AtspiAccessible* accessible, bool application);
     AccessibleElement(ObjectRef ref, bool application);
-    ~AccessibleElement() override;
-    AccessibleElement(const AccessibleElement&) = delete;
-    AccessibleElement& operator=(const AccessibleElement&) = delete;
 
     const ObjectRef& ref() const { return ref_; }
-    // The libatspi object, when there is one.
-    _AtspiAccessible* accessible() const { return accessible_; }
     // The root object of an application: it answers "AXFocusedWindow" and
     // "AXFocusedUIElement".
     bool application() const { return application_; }
 
 private:
     ObjectRef ref_;
-    _AtspiAccessible* accessible_ = nullptr;
     bool application_;
 };
 
 // An element handle for an object known only by its identity.
 Element elementFor(ObjectRef ref);
 
-// The frontmost application: its process and, when it talks to the
-// accessibility bus, its AT-SPI application object.
-class AtspiApplicationHandle final : public ApplicationObject {
+// The frontmost application: its process. Its AT-SPI application is looked
+// up afresh whenever it is needed.
+class ApplicationHandle final : public ApplicationObject {
 public:
-    AtspiApplicationHandle(std::int32_t pid, _AtspiAccessible* application);
-    ~AtspiApplicationHandle() override;
-    AtspiApplicationHandle(const AtspiApplicationHandle&) = delete;
-    AtspiApplicationHandle& operator=(const AtspiApplicationHandle&) = delete;
-
+    explicit ApplicationHandle(std::int32_t pid) : pid_(pid) {}
     std::int32_t pid() const { return pid_; }
-    _AtspiAccessible* application() const { return application_; }
 
 private:
     std::int32_t pid_;
-    _AtspiAccessible* application_;  // may be null
 };
 
 class Accessibility {
@@ -82,7 +64,7 @@ public:
     // ever starting a bus or any other process.
     bool reachable();
 
-    // The AT-SPI application of process `pid`, null when it has none.
+    // The application of process `pid`.
     Application application(std::int32_t pid);
     std::optional<std::string> applicationName(const Application&);
     Element applicationElement(std::int32_t pid);
@@ -101,7 +83,8 @@ public:
 
 private:
     bool connect();
-    _AtspiAccessible* findApplication(std::int32_t pid);
+    // The root object of the AT-SPI application of process `pid`.
+    std::optional<ObjectRef> findApplication(std::int32_t pid);
     AttributeRead focusedWindow(const AccessibleElement& application);
     AttributeRead focusedElement(const AccessibleElement& application);
     // A direct link to the application's own socket, for the tree scan;
@@ -111,6 +94,7 @@ private:
     std::function<std::optional<std::string>()> rootWindowAddress_;
     bool connectAttempted_ = false;
     bool connected_ = false;
+    bool reachable_ = false;
     int timeoutMs_ = 2000;
     // Direct links by bus name; null where the application offers none.
     std::map<std::string, std::unique_ptr<DirectLink>> links_;

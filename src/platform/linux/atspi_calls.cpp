@@ -1,5 +1,7 @@
 #include "platform/linux/atspi_calls.h"
 
+#include <atspi/atspi-constants.h>
+
 #include <cstring>
 
 #include "platform/linux/direct_link.h"
@@ -74,6 +76,51 @@ Message setTextContentsCall(const ObjectRef& ref, const std::string& text) {
 Message cacheItemsCall(const std::string& bus) {
     return Message(dbus_message_new_method_call(bus.c_str(), "/org/a11y/atspi/cache",
                                                 "org.a11y.atspi.Cache", "GetItems"));
+}
+
+Message processIdCall(const std::string& bus) {
+    Message call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                              DBUS_INTERFACE_DBUS, "GetConnectionUnixProcessID"));
+    const char* name = bus.c_str();
+    if (call) dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
+    return call;
+}
+
+Message focusedDescendantCall(const ObjectRef& ref) {
+    Message call = methodCall(ref, "org.a11y.atspi.Collection", "GetMatches");
+    if (!call) return call;
+    // The match rule (aiia{ss}iaiiasib): these states, all of them; no
+    // attributes, roles or interfaces asked for; not inverted.
+    const dbus_int32_t states[2] = {1 << ATSPI_STATE_FOCUSED, 0};
+    const dbus_int32_t noRoles[4] = {0, 0, 0, 0};
+    const dbus_int32_t all = ATSPI_Collection_MATCH_ALL;
+    const dbus_bool_t invert = FALSE;
+    DBusMessageIter iter, rule, list;
+    dbus_message_iter_init_append(call.get(), &iter);
+    dbus_message_iter_open_container(&iter, DBUS_TYPE_STRUCT, nullptr, &rule);
+    dbus_message_iter_open_container(&rule, DBUS_TYPE_ARRAY, "i", &list);
+    for (dbus_int32_t word : states) dbus_message_iter_append_basic(&list, DBUS_TYPE_INT32, &word);
+    dbus_message_iter_close_container(&rule, &list);
+    dbus_message_iter_append_basic(&rule, DBUS_TYPE_INT32, &all);
+    dbus_message_iter_open_container(&rule, DBUS_TYPE_ARRAY, "{ss}", &list);
+    dbus_message_iter_close_container(&rule, &list);
+    dbus_message_iter_append_basic(&rule, DBUS_TYPE_INT32, &all);
+    dbus_message_iter_open_container(&rule, DBUS_TYPE_ARRAY, "i", &list);
+    for (dbus_int32_t word : noRoles) dbus_message_iter_append_basic(&list, DBUS_TYPE_INT32, &word);
+    dbus_message_iter_close_container(&rule, &list);
+    dbus_message_iter_append_basic(&rule, DBUS_TYPE_INT32, &all);
+    dbus_message_iter_open_container(&rule, DBUS_TYPE_ARRAY, "s", &list);
+    dbus_message_iter_close_container(&rule, &list);
+    dbus_message_iter_append_basic(&rule, DBUS_TYPE_INT32, &all);
+    dbus_message_iter_append_basic(&rule, DBUS_TYPE_BOOLEAN, &invert);
+    dbus_message_iter_close_container(&iter, &rule);
+    // In document order, the first match only, looking inside every child.
+    const dbus_uint32_t order = ATSPI_Collection_SORT_ORDER_CANONICAL;
+    const dbus_int32_t count = 1;
+    const dbus_bool_t traverse = TRUE;
+    dbus_message_append_args(call.get(), DBUS_TYPE_UINT32, &order, DBUS_TYPE_INT32, &count,
+                             DBUS_TYPE_BOOLEAN, &traverse, DBUS_TYPE_INVALID);
+    return call;
 }
 
 Message extentsCall(const ObjectRef& ref) {
@@ -225,6 +272,22 @@ std::optional<bool> parseSetTextContents(DBusMessage* reply) {
     return done != FALSE;
 }
 
+std::optional<std::int64_t> parseProcessId(DBusMessage* reply) {
+    if (!isReply(reply, "u")) return std::nullopt;
+    dbus_uint32_t pid = 0;
+    dbus_message_get_args(reply, nullptr, DBUS_TYPE_UINT32, &pid, DBUS_TYPE_INVALID);
+    return static_cast<std::int64_t>(pid);
+}
+
+std::optional<std::vector<ObjectRef>> parseMatches(DBusMessage* reply) {
+    auto matches = parseChildren(reply);
+    if (matches)
+        std::erase_if(*matches, [](const ObjectRef& ref) {
+            return ref.path.empty() || ref.path == "/org/a11y/atspi/null";
+        });
+    return matches;
+}
+
 std::optional<std::vector<CacheItem>> parseCacheItems(DBusMessage* reply) {
     if (!isReply(reply, "a((so)(so)(so)iiassusau)")) return std::nullopt;
     DBusMessageIter iter, items;
@@ -299,6 +362,7 @@ size_t CallBatch::add(Message call) {
         unsent_.push_back(std::move(call));
         pending_.push_back(nullptr);
         replies_.push_back(nullptr);
+        unsupported_.push_back(false);
         return pending_.size() - 1;
     }
     DBusPendingCall* pending = nullptr;
@@ -307,6 +371,7 @@ size_t CallBatch::add(Message call) {
         pending = nullptr;
     pending_.push_back(pending);
     replies_.push_back(nullptr);
+    unsupported_.push_back(false);
     return pending_.size() - 1;
 }
 
@@ -331,6 +396,8 @@ void CallBatch::wait() {
                          !std::strcmp(name, DBUS_ERROR_TIMEOUT) ||
                          !std::strcmp(name, DBUS_ERROR_TIMED_OUT)))
                 timedOut_ = true;
+            unsupported_[i] = name && (!std::strcmp(name, DBUS_ERROR_UNKNOWN_METHOD) ||
+                                       !std::strcmp(name, DBUS_ERROR_UNKNOWN_INTERFACE));
             dbus_message_unref(reply);
             reply = nullptr;
         }
@@ -340,6 +407,10 @@ void CallBatch::wait() {
 
 DBusMessage* CallBatch::reply(size_t index) const {
     return index < replies_.size() ? replies_[index] : nullptr;
+}
+
+bool CallBatch::unsupported(size_t index) const {
+    return index < unsupported_.size() && unsupported_[index];
 }
 
 Message callAndWait(DBusConnection* connection, Message call, int timeoutMs, bool* timedOut) {

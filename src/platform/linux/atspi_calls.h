@@ -24,6 +24,10 @@ struct ObjectRef {
     friend bool operator==(const ObjectRef&, const ObjectRef&) = default;
 };
 
+// The registry's root object: its children are the registered applications,
+// each named by its bus name and the path of its own root object.
+inline const ObjectRef kRegistryRoot{"org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root"};
+
 struct Extents {
     int x = 0;
     int y = 0;
@@ -49,6 +53,11 @@ Message childAtIndexCall(const ObjectRef&, int index);
 Message setTextContentsCall(const ObjectRef&, const std::string& text);
 // The application's own account of every object it has announced.
 Message cacheItemsCall(const std::string& bus);
+// The bus daemon's account of which process owns the connection `bus`.
+Message processIdCall(const std::string& bus);
+// The first descendant of `ref` with the FOCUSED state, as the application
+// finds it in its own tree (Collection.GetMatches).
+Message focusedDescendantCall(const ObjectRef&);
 
 // Replies. Each is empty when the call failed or the reply is not of the
 // expected type.
@@ -67,6 +76,9 @@ std::optional<double> parseCurrentValue(DBusMessage*);
 std::optional<std::vector<ObjectRef>> parseChildren(DBusMessage*);
 std::optional<ObjectRef> parseChild(DBusMessage*);
 std::optional<bool> parseSetTextContents(DBusMessage*);
+std::optional<std::int64_t> parseProcessId(DBusMessage*);
+// The objects a Collection query found; the null object stands for none.
+std::optional<std::vector<ObjectRef>> parseMatches(DBusMessage*);
 
 // One object of the application's cache: what it reports about itself at
 // the moment of the call. `index` is its position among its parent's
@@ -110,6 +122,9 @@ public:
     void wait();
     // The reply of call `index` after `wait`; null when it failed.
     DBusMessage* reply(size_t index) const;
+    // Whether call `index` was refused because its object lacks the method
+    // or the interface.
+    bool unsupported(size_t index) const;
     // Whether some application did not answer in time.
     bool timedOut() const { return timedOut_; }
     size_t size() const { return pending_.size(); }
@@ -121,6 +136,7 @@ private:
     std::vector<Message> unsent_;  // for the direct link
     std::vector<DBusPendingCall*> pending_;
     std::vector<DBusMessage*> replies_;
+    std::vector<bool> unsupported_;
     bool timedOut_ = false;
 };
 

@@ -48,7 +48,7 @@ public:
         return accessibility_.application(static_cast<std::int32_t>(pid));
     }
     std::int32_t processIdentifier(const Application& app) override {
-        auto* handle = dynamic_cast<const AtspiApplicationHandle*>(app.get());
+        auto* handle = dynamic_cast<const ApplicationHandle*>(app.get());
         return handle ? handle->pid() : -1;
     }
     std::optional<std::string> localizedName(const Application& app) override {
