@@ -11,11 +11,11 @@ add_library(quorvel_platform STATIC ${QUORVEL_LINUX_SOURCES})
 target_link_libraries(quorvel_platform PUBLIC quorvel_core)
 
 # The read side: libatspi and libdbus for the accessibility tree, Xlib for
-# windows and their images. Tesseract, for text recognition, is loaded by
-# name when first needed (text_recognition.h), so only its headers are used
-# here.
+# window images, XCB over the same connection for the window list.
+# Tesseract, for text recognition, is loaded by name when first needed
+# (text_recognition.h), so only its headers are used here.
 pkg_check_modules(QUORVEL_LINUX_READ REQUIRED IMPORTED_TARGET
-  atspi-2 dbus-1 glib-2.0 gobject-2.0 x11)
+  atspi-2 dbus-1 glib-2.0 gobject-2.0 x11 x11-xcb xcb)
 pkg_check_modules(QUORVEL_TESSERACT REQUIRED tesseract)
 string(REGEX MATCH "^[0-9]+" QUORVEL_TESSERACT_MAJOR "${QUORVEL_TESSERACT_VERSION}")
 target_include_directories(quorvel_platform PRIVATE ${QUORVEL_TESSERACT_INCLUDE_DIRS})

@@ -1,41 +1,78 @@
 #include "platform/linux/x_display.h"
 
-#include <X11/Xatom.h>
+#include <X11/Xlib-xcb.h>
 #include <X11/Xlib.h>
+#include <xcb/xcb.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
 
 #include "platform/linux/x_errors.h"
 
 namespace quorvel::linux_backend {
 namespace {
 
-// One property as a list of 32-bit items (CARDINAL, WINDOW, ATOM), which
-// Xlib hands back in longs.
-std::optional<std::vector<unsigned long>> longProperty(Display* display, ::Window window,
-                                                       const char* name, Atom type) {
-    Atom property = XInternAtom(display, name, True);
-    if (property == None) return std::nullopt;
-    Atom actualType = None;
-    int format = 0;
-    unsigned long count = 0, remaining = 0;
-    unsigned char* data = nullptr;
-    XErrorTrap trap(display);
-    int status = XGetWindowProperty(display, window, property, 0, 1 << 20, False, type,
-                                    &actualType, &format, &count, &remaining, &data);
-    if (trap.failed() || status != Success || actualType != type || format != 32 || !data) {
-        if (data) XFree(data);
-        return std::nullopt;
-    }
-    auto* items = reinterpret_cast<unsigned long*>(data);
-    std::vector<unsigned long> values(items, items + count);
-    XFree(data);
-    return values;
+// The atoms the window list reads, interned together once per process (an
+// atom names the same string for the whole life of the server).
+enum AtomName {
+    kActiveWindow,
+    kClientListStacking,
+    kWmPid,
+    kWmWindowType,
+    kWmState,
+    kFrameExtents,
+    kTypeDesktop,
+    kTypeDock,
+    kStateAbove,
+    kStateBelow,
+    kAtomCount
+};
+static_assert(kAtomCount == XDisplay::kAtoms);
+constexpr const char* kAtomNames[kAtomCount] = {
+    "_NET_ACTIVE_WINDOW",          "_NET_CLIENT_LIST_STACKING",  "_NET_WM_PID",
+    "_NET_WM_WINDOW_TYPE",         "_NET_WM_STATE",              "_NET_FRAME_EXTENTS",
+    "_NET_WM_WINDOW_TYPE_DESKTOP", "_NET_WM_WINDOW_TYPE_DOCK",   "_NET_WM_STATE_ABOVE",
+    "_NET_WM_STATE_BELOW",
+};
+
+struct Free {
+    void operator()(void* reply) const { std::free(reply); }
+};
+template <class T>
+using Reply = std::unique_ptr<T, Free>;
+
+// A reply, or null when the request failed (the error is dropped: a window
+// that vanished since the list was read is simply left out).
+template <class T, class Cookie>
+Reply<T> take(T* (*get)(xcb_connection_t*, Cookie, xcb_generic_error_t**),
+              xcb_connection_t* connection, Cookie cookie) {
+    xcb_generic_error_t* error = nullptr;
+    Reply<T> reply(get(connection, cookie, &error));
+    std::free(error);
+    return reply;
 }
 
-bool hasAtom(Display* display, const std::vector<unsigned long>& atoms, const char* name) {
-    Atom atom = XInternAtom(display, name, True);
-    return atom != None && std::find(atoms.begin(), atoms.end(), atom) != atoms.end();
+xcb_get_property_cookie_t askProperty(xcb_connection_t* connection, xcb_window_t window,
+                                      xcb_atom_t property, xcb_atom_t type) {
+    return xcb_get_property(connection, 0, window, property, type, 0, 1 << 20);
+}
+
+// A property of 32-bit items (CARDINAL, WINDOW, ATOM); nothing when it is
+// absent or of another type.
+std::optional<std::vector<std::uint32_t>> items(xcb_connection_t* connection,
+                                                xcb_get_property_cookie_t cookie,
+                                                xcb_atom_t type) {
+    auto reply = take(xcb_get_property_reply, connection, cookie);
+    if (!reply || reply->type != type || reply->format != 32) return std::nullopt;
+    auto* data = static_cast<const std::uint32_t*>(xcb_get_property_value(reply.get()));
+    int count = xcb_get_property_value_length(reply.get()) / 4;
+    return std::vector<std::uint32_t>(data, data + count);
+}
+
+bool contains(const std::optional<std::vector<std::uint32_t>>& list, xcb_atom_t atom) {
+    return list && std::find(list->begin(), list->end(), atom) != list->end();
 }
 
 }  // namespace
@@ -59,94 +96,121 @@ Display* XDisplay::get() {
     return display_;
 }
 
-std::optional<XWindowId> XDisplay::activeWindow() {
+xcb_connection_t* XDisplay::connection() {
     Display* display = get();
-    if (!display) return std::nullopt;
-    auto active =
-        longProperty(display, DefaultRootWindow(display), "_NET_ACTIVE_WINDOW", XA_WINDOW);
-    if (!active || active->empty() || active->front() == None) return std::nullopt;
+    if (!display) return nullptr;
+    if (!atoms_) {
+        xcb_connection_t* c = XGetXCBConnection(display);
+        xcb_intern_atom_cookie_t cookies[kAtomCount];
+        for (int i = 0; i < kAtomCount; ++i)
+            cookies[i] = xcb_intern_atom(c, 0, static_cast<std::uint16_t>(std::strlen(kAtomNames[i])),
+                                         kAtomNames[i]);
+        atoms_.emplace();
+        for (int i = 0; i < kAtomCount; ++i) {
+            auto reply = take(xcb_intern_atom_reply, c, cookies[i]);
+            (*atoms_)[i] = reply ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
+        }
+    }
+    return XGetXCBConnection(display);
+}
+
+xcb_window_t XDisplay::root() { return static_cast<xcb_window_t>(DefaultRootWindow(display_)); }
+
+std::optional<XWindowId> XDisplay::activeWindow() {
+    xcb_connection_t* c = connection();
+    if (!c) return std::nullopt;
+    auto active = items(c, askProperty(c, root(), atom(kActiveWindow), XCB_ATOM_WINDOW),
+                        XCB_ATOM_WINDOW);
+    if (!active || active->empty() || active->front() == XCB_WINDOW_NONE) return std::nullopt;
     return active->front();
 }
 
 std::optional<std::int64_t> XDisplay::windowPid(XWindowId window) {
-    Display* display = get();
-    if (!display) return std::nullopt;
-    auto pid = longProperty(display, window, "_NET_WM_PID", XA_CARDINAL);
+    xcb_connection_t* c = connection();
+    if (!c) return std::nullopt;
+    auto pid = items(c, askProperty(c, static_cast<xcb_window_t>(window), atom(kWmPid),
+                                    XCB_ATOM_CARDINAL),
+                     XCB_ATOM_CARDINAL);
     if (!pid || pid->empty()) return std::nullopt;
     return static_cast<std::int64_t>(pid->front());
 }
 
 std::optional<std::string> XDisplay::rootTextProperty(const char* name) {
-    Display* display = get();
-    if (!display) return std::nullopt;
-    Atom property = XInternAtom(display, name, True);
-    if (property == None) return std::nullopt;
-    Atom actualType = None;
-    int format = 0;
-    unsigned long count = 0, remaining = 0;
-    unsigned char* data = nullptr;
-    XErrorTrap trap(display);
-    int status = XGetWindowProperty(display, DefaultRootWindow(display), property, 0, 4096, False,
-                                    AnyPropertyType, &actualType, &format, &count, &remaining,
-                                    &data);
-    std::optional<std::string> text;
-    if (!trap.failed() && status == Success && format == 8 && data)
-        text.emplace(reinterpret_cast<char*>(data), count);
-    if (data) XFree(data);
-    return text;
+    xcb_connection_t* c = connection();
+    if (!c) return std::nullopt;
+    auto property = take(xcb_intern_atom_reply, c,
+                         xcb_intern_atom(c, 1, static_cast<std::uint16_t>(std::strlen(name)), name));
+    if (!property || property->atom == XCB_ATOM_NONE) return std::nullopt;
+    auto reply = take(xcb_get_property_reply, c,
+                      xcb_get_property(c, 0, root(), property->atom, XCB_GET_PROPERTY_TYPE_ANY, 0,
+                                       1024));
+    if (!reply || reply->format != 8) return std::nullopt;
+    return std::string(static_cast<const char*>(xcb_get_property_value(reply.get())),
+                       static_cast<size_t>(xcb_get_property_value_length(reply.get())));
 }
 
 std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOnly,
                                                                  bool excludeDesktop) {
-    Display* display = get();
-    if (!display) return std::nullopt;
-    ::Window root = DefaultRootWindow(display);
-    auto stacking = longProperty(display, root, "_NET_CLIENT_LIST_STACKING", XA_WINDOW);
+    xcb_connection_t* c = connection();
+    if (!c) return std::nullopt;
+    auto stacking = items(c, askProperty(c, root(), atom(kClientListStacking), XCB_ATOM_WINDOW),
+                          XCB_ATOM_WINDOW);
     if (!stacking) return std::nullopt;
 
-    std::vector<WindowListEntry> entries;
+    // Every question about every window goes out before the first answer is
+    // read: two round trips in all, however many windows there are.
+    struct Questions {
+        xcb_window_t client;
+        xcb_get_window_attributes_cookie_t attributes;
+        xcb_get_geometry_cookie_t geometry;
+        xcb_translate_coordinates_cookie_t origin;
+        xcb_get_property_cookie_t types, states, pid, frame;
+    };
+    std::vector<Questions> asked;
+    asked.reserve(stacking->size());
     // The property runs bottom to top; the list runs front to back.
     for (auto it = stacking->rbegin(); it != stacking->rend(); ++it) {
-        ::Window client = *it;
-        XWindowAttributes attributes;
-        {
-            XErrorTrap trap(display);
-            Status got = XGetWindowAttributes(display, client, &attributes);
-            if (trap.failed() || !got) continue;  // gone since the list was read
-        }
-        if (onScreenOnly && attributes.map_state != IsViewable) continue;
+        xcb_window_t client = *it;
+        asked.push_back({client, xcb_get_window_attributes(c, client),
+                         xcb_get_geometry(c, client), xcb_translate_coordinates(c, client, root(), 0, 0),
+                         askProperty(c, client, atom(kWmWindowType), XCB_ATOM_ATOM),
+                         askProperty(c, client, atom(kWmState), XCB_ATOM_ATOM),
+                         askProperty(c, client, atom(kWmPid), XCB_ATOM_CARDINAL),
+                         askProperty(c, client, atom(kFrameExtents), XCB_ATOM_CARDINAL)});
+    }
 
-        std::vector<unsigned long> types =
-            longProperty(display, client, "_NET_WM_WINDOW_TYPE", XA_ATOM).value_or(
-                std::vector<unsigned long>{});
-        std::vector<unsigned long> states =
-            longProperty(display, client, "_NET_WM_STATE", XA_ATOM).value_or(
-                std::vector<unsigned long>{});
-        bool desktop = hasAtom(display, types, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    std::vector<WindowListEntry> entries;
+    for (const Questions& q : asked) {
+        // Every answer is collected, also those of windows left out.
+        auto attributes = take(xcb_get_window_attributes_reply, c, q.attributes);
+        auto geometry = take(xcb_get_geometry_reply, c, q.geometry);
+        auto origin = take(xcb_translate_coordinates_reply, c, q.origin);
+        auto types = items(c, q.types, XCB_ATOM_ATOM);
+        auto states = items(c, q.states, XCB_ATOM_ATOM);
+        auto pid = items(c, q.pid, XCB_ATOM_CARDINAL);
+        auto frameItems = items(c, q.frame, XCB_ATOM_CARDINAL);
+
+        if (!attributes || !geometry) continue;  // gone since the list was read
+        if (onScreenOnly && attributes->map_state != XCB_MAP_STATE_VIEWABLE) continue;
+        bool desktop = contains(types, atom(kTypeDesktop));
         if (excludeDesktop && desktop) continue;
         std::int64_t layer = kNormalLayer;
         if (desktop) layer = kDesktopLayer;
-        else if (hasAtom(display, types, "_NET_WM_WINDOW_TYPE_DOCK")) layer = kDockLayer;
-        else if (hasAtom(display, states, "_NET_WM_STATE_ABOVE")) layer = kAboveLayer;
-        else if (hasAtom(display, states, "_NET_WM_STATE_BELOW")) layer = kBelowLayer;
+        else if (contains(types, atom(kTypeDock))) layer = kDockLayer;
+        else if (contains(states, atom(kStateAbove))) layer = kAboveLayer;
+        else if (contains(states, atom(kStateBelow))) layer = kBelowLayer;
+        if (!origin || !origin->same_screen) continue;
 
         WindowListEntry entry;
-        if (std::optional<std::int64_t> pid = windowPid(client)) entry.ownerPID = *pid;
+        if (pid && !pid->empty()) entry.ownerPID = static_cast<std::int64_t>(pid->front());
         entry.layer = layer;
-        entry.number = static_cast<std::int64_t>(client);
-
-        int x = 0, y = 0;
-        ::Window child = None;
-        XErrorTrap trap(display);
-        Bool translated = XTranslateCoordinates(display, client, root, 0, 0, &x, &y, &child);
-        if (trap.failed() || !translated) continue;
+        entry.number = static_cast<std::int64_t>(q.client);
         FrameExtents frame;
-        if (auto extents = longProperty(display, client, "_NET_FRAME_EXTENTS", XA_CARDINAL);
-            extents && extents->size() == 4) {
-            frame = {static_cast<long>((*extents)[0]), static_cast<long>((*extents)[1]),
-                     static_cast<long>((*extents)[2]), static_cast<long>((*extents)[3])};
-        }
-        entry.bounds = framedBounds(x, y, attributes.width, attributes.height, frame);
+        if (frameItems && frameItems->size() == 4)
+            frame = {static_cast<long>((*frameItems)[0]), static_cast<long>((*frameItems)[1]),
+                     static_cast<long>((*frameItems)[2]), static_cast<long>((*frameItems)[3])};
+        entry.bounds = framedBounds(origin->dst_x, origin->dst_y, geometry->width,
+                                    geometry->height, frame);
         entries.push_back(std::move(entry));
     }
     return entries;

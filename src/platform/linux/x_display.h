@@ -2,6 +2,7 @@
 // manager's view of the windows (EWMH properties).
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,6 +11,7 @@
 #include "platform/platform.h"
 
 struct _XDisplay;
+struct xcb_connection_t;
 
 namespace quorvel::linux_backend {
 
@@ -59,9 +61,18 @@ public:
     // A text property of the root window (the accessibility bus address).
     std::optional<std::string> rootTextProperty(const char* name);
 
+    static constexpr size_t kAtoms = 10;  // interned once, see x_display.cpp
+
 private:
+    // The display's XCB connection, for questions sent many at a time; null
+    // without a display.
+    xcb_connection_t* connection();
+    std::uint32_t root();
+    std::uint32_t atom(int name) const { return (*atoms_)[name]; }
+
     _XDisplay* display_ = nullptr;
     bool opened_ = false;
+    std::optional<std::array<std::uint32_t, kAtoms>> atoms_;
 };
 
 }  // namespace quorvel::linux_backend
