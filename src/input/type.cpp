@@ -65,6 +65,7 @@ void type(Platform& platform, const std::string& text, bool replace, const std::
         key(platform, kVirtualKeyA, kCGEventFlagMaskCommand);
     }
 
+    platform.prepareText(text);
     std::vector<char16_t> chunk;
     chunk.reserve(kLongestChunk);
     for (char32_t cp : scalars(text)) {

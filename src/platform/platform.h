@@ -201,6 +201,11 @@ public:
     virtual void setUnicodeString(EventObject&, std::span<const char16_t>) = 0;
     virtual void setIntegerValueField(EventObject&, EventField, std::int64_t) = 0;
     virtual void post(EventTap, EventObject&) = 0;
+    // `text` (UTF-8) is about to be posted, chunk by chunk, as Unicode
+    // keyboard events. A backend that must ready its keyboard for the
+    // characters (one that remaps keys) may do it here for all of them at
+    // once. Nothing is typed, and nothing the core sees can fail.
+    virtual void prepareText(std::string_view text) { (void)text; }
 
     // --- Time ----------------------------------------------------------------
     virtual void sleep(double seconds) = 0;

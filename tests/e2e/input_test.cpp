@@ -110,6 +110,26 @@ TEST_F(Input, MixedTextArrivesWholeFromAnApplicationThatIgnoresPings) {
     EXPECT_EQ(valueOf(after, "Notes"), text);
 }
 
+// More distinct characters than the spare keys hold at once: each key is
+// given another character only after the application has handled its
+// earlier use.
+TEST_F(Input, MoreDistinctCharactersThanSpareKeysArriveWhole) {
+    fixture.command("notes ");
+    fixture.command("focus notes");
+    std::string text;
+    for (char32_t c = 0x4E00; c < 0x4E00 + 700; ++c) {
+        text += static_cast<char>(0xE0 | (c >> 12));
+        text += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        text += static_cast<char>(0x80 | (c & 0x3F));
+        if (c % 50 == 49) text += '\n';
+    }
+    Json seen = observe();
+    EXPECT_EQ(act(seen["scope"], {{"kind", "type"}, {"value", text}, {"replace", false}, {"expected_value", ""}}),
+              succeeded());
+    Json after = observeUntil([&](const Json& o) { return valueOf(o, "Notes") == text; });
+    EXPECT_EQ(valueOf(after, "Notes"), text);
+}
+
 TEST_F(Input, StaleExpectedValueTypesNothing) {
     fixture.command("focus entry");
     Json seen = observe();

@@ -92,6 +92,33 @@ TEST(SpareKeys, ReportsWhatMustBeRestored) {
     EXPECT_EQ(keys.lent(), (std::vector<SpareKeys::Keycode>{93, 97}));
 }
 
+TEST(SpareKeys, ReservedKeysymsStayUntilEveryEmptySlotIsTaken) {
+    SpareKeys keys({93, 97, 103});
+    auto reserved = keys.reserve(0x100);
+    ASSERT_TRUE(reserved);
+    EXPECT_TRUE(reserved->remap);
+    auto again = keys.reserve(0x100);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->keycode, reserved->keycode);
+    EXPECT_FALSE(again->remap);
+    // A reserved slot awaits nothing...
+    EXPECT_EQ(keys.oldestAwaited(0), 0u);
+    EXPECT_EQ(keys.newestUse(), 0u);
+    // ...and a character that was not reserved takes an empty slot rather
+    // than the reserved one, which then types without a remap.
+    auto other = keys.lease(0x101, 1, 0);
+    ASSERT_TRUE(other);
+    EXPECT_NE(other->keycode, reserved->keycode);
+    auto use = keys.lease(0x100, 1, 0);
+    ASSERT_TRUE(use);
+    EXPECT_EQ(use->keycode, reserved->keycode);
+    EXPECT_FALSE(use->remap);
+
+    ASSERT_TRUE(keys.reserve(0x102));
+    EXPECT_FALSE(keys.reserve(0x103));  // every slot holds a character
+    EXPECT_EQ(keys.lent().size(), 3u);
+}
+
 struct ChordCase {
     const char* name;
     std::uint16_t virtualKey;

@@ -10,6 +10,7 @@
 
 #include "platform/linux/x_errors.h"
 #include "platform/linux/x_input_typing.h"
+#include "unicode/unicode.h"
 
 namespace quorvel::linux_backend {
 namespace {
@@ -185,6 +186,12 @@ void XInput::setUnicodeString(EventObject& event, std::span<const char16_t> text
 // on the same spot within its double-click time as a double click, which is
 // what the second click of a double click is.
 void XInput::setIntegerValueField(EventObject&, EventField, std::int64_t) {}
+
+void XInput::prepareText(std::string_view utf8) {
+    if (!connect()) return;
+    typist_->honourTermination();
+    typist_->prepare(scalars(utf8));
+}
 
 void XInput::post(EventTap, EventObject& object) {
     InputEvent* event = ours(object);

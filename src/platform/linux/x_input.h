@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string_view>
 #include <vector>
 
 #include "platform/platform.h"
@@ -62,6 +63,7 @@ public:
     void setUnicodeString(EventObject&, std::span<const char16_t>);
     void setIntegerValueField(EventObject&, EventField, std::int64_t);
     void post(EventTap, EventObject&);
+    void prepareText(std::string_view utf8);
 
     // The typing machinery, once text or a chord needed it (for tests).
     Typist* typist() { return typist_.get(); }

@@ -1,6 +1,7 @@
 #include "platform/linux/x_input_spare.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace quorvel::linux_backend {
 
@@ -18,15 +19,29 @@ std::optional<SpareKeys::Lease> SpareKeys::lease(Keysym keysym, Batch batch, Bat
             return Lease{slot.keycode, slot.level, false};
         }
     }
+    // An empty slot first, so that characters put there ahead of their use
+    // stay; then the least recently used.
+    auto order = [](const Slot& slot) { return std::pair(slot.keysym != 0, slot.lastUse); };
     Slot* pick = nullptr;
     for (Slot& slot : slots_) {
         if (slot.lastUse > confirmed) continue;  // still awaited
-        if (!pick || slot.lastUse < pick->lastUse) pick = &slot;
+        if (!pick || order(slot) < order(*pick)) pick = &slot;
     }
     if (!pick) return std::nullopt;
     pick->keysym = keysym;
     pick->lastUse = batch;
     return Lease{pick->keycode, pick->level, true};
+}
+
+std::optional<SpareKeys::Lease> SpareKeys::reserve(Keysym keysym) {
+    for (const Slot& slot : slots_)
+        if (slot.keysym == keysym) return Lease{slot.keycode, slot.level, false};
+    for (Slot& slot : slots_) {
+        if (slot.keysym != 0) continue;
+        slot.keysym = keysym;
+        return Lease{slot.keycode, slot.level, true};
+    }
+    return std::nullopt;
 }
 
 SpareKeys::Batch SpareKeys::oldestAwaited(Batch confirmed) const {

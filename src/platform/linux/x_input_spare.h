@@ -34,9 +34,13 @@ public:
         bool remap;  // the keycode must be given `keysym` before it is pressed
     };
     // The keycode that types `keysym` in `batch`. A keycode already holding
-    // it is used again; otherwise the least recently used keycode whose uses
-    // are all confirmed is lent. Nothing when every keycode is still awaited.
+    // it is used again; otherwise an empty slot, or else the least recently
+    // used one whose uses are all confirmed, is lent. Nothing when every keycode is still awaited.
     std::optional<Lease> lease(Keysym keysym, Batch batch, Batch confirmed);
+    // Puts `keysym` on an empty slot ahead of its use, unless a slot holds
+    // it already. Nothing when every slot holds a character. A reserved slot
+    // counts as unused: it awaits nothing.
+    std::optional<Lease> reserve(Keysym keysym);
 
     // The oldest unconfirmed batch that uses a keycode: once it is
     // confirmed, a keycode is free again. 0 when none is awaited.

@@ -194,6 +194,20 @@ void Typist::endBatch() {
     batchUsedSpare_ = false;
 }
 
+void Typist::prepare(std::u32string_view text) {
+    load();
+    for (char32_t c : text) {
+        KeySym keysym = keysymForCharacter(c);
+        if (keysym == NoSymbol || layoutStroke(keysym)) continue;
+        std::optional<SpareKeys::Lease> lease = spare_.reserve(keysym);
+        if (!lease) break;  // no empty slot left: the rest is lent as it comes
+        auto keycode = static_cast<KeyCode>(lease->keycode);
+        if (lease->remap && std::find(remaps_.begin(), remaps_.end(), keycode) == remaps_.end())
+            remaps_.push_back(keycode);
+    }
+    flush();
+}
+
 void Typist::type(std::u32string_view text) {
     honourTermination();
     load();

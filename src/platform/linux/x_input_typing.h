@@ -46,6 +46,11 @@ public:
     Typist(const Typist&) = delete;
     Typist& operator=(const Typist&) = delete;
 
+    // Gives spare keycodes to the characters of `text` that the layout
+    // cannot type, as many as are free, in one change of the mapping: each
+    // change makes every client reload its keymap (the window manager
+    // re-grabs its key bindings), which costs far more than the typing.
+    void prepare(std::u32string_view text);
     // Presses and releases the key of every character, in order. A character
     // that has no keysym, or finds no key, is skipped.
     void type(std::u32string_view text);
