@@ -98,6 +98,45 @@ TEST(LiveReads, FocusMovedBetweenTwoReadsIsSeen) {
     EXPECT_TRUE(platform.equal(first, focused(platform, window)));
 }
 
+// The reads that guard input ask about the windows seen last time along
+// with the list of windows; a window that opens or closes in between must
+// still be seen at once.
+TEST(LiveReads, WindowsOpenedOrClosedBetweenTwoReadsAreSeen) {
+    Fixture fixture;
+    Platform& platform = systemPlatform();
+    Window window = front(platform);
+    fixture.command("focus entry");
+    Element entry = focused(platform, window);
+    ASSERT_TRUE(entry);
+    Element application =
+        platform.createApplicationElement(platform.processIdentifier(window.app));
+
+    fixture.command("second");
+    Element second;
+    for (int attempt = 0; attempt < 50 && !second; ++attempt) {
+        Element now = element(platform, application, "AXFocusedWindow");
+        if (now && !platform.equal(now, window.root)) second = now;
+        else std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ASSERT_TRUE(second) << "the second window never became the focused one";
+    Element inSecond = focused(platform, window);
+    EXPECT_FALSE(inSecond && platform.equal(inSecond, entry));
+
+    fixture.command("close-second");
+    fixture.command("present");
+    fixture.command("focus entry");
+    Element back;
+    for (int attempt = 0; attempt < 50 && !back; ++attempt) {
+        Element now = element(platform, application, "AXFocusedWindow");
+        if (now && platform.equal(now, window.root)) back = now;
+        else std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ASSERT_TRUE(back) << "the main window never came back in front";
+    Element again = focused(platform, window);
+    ASSERT_TRUE(again);
+    EXPECT_TRUE(platform.equal(again, entry));
+}
+
 TEST(LiveReads, OnlyEditorsThatOfferItCanBeSetThroughAccessibility) {
     Fixture fixture;
     Platform& platform = systemPlatform();

@@ -22,11 +22,6 @@ const AccessibleElement* atspi(const Element& element) {
     return dynamic_cast<const AccessibleElement*>(element.get());
 }
 
-// The children of `ref`, asked of its application; none when it does not say.
-ElementList childrenOf(const ObjectRef& ref, DBusConnection* bus, int timeoutMs) {
-    return LiveFacts(ref, bus, timeoutMs).children().value_or(ElementList{});
-}
-
 // The states of several objects, asked for all at once.
 std::vector<std::optional<StateBits>> statesOf(const ElementList& elements, DBusConnection* bus,
                                                int timeoutMs) {
@@ -51,6 +46,18 @@ std::optional<Element> focusedByCollection(const ObjectRef& window, DBusConnecti
     auto matches = parseMatches(batch.reply(call));
     if (!matches || matches->empty()) return Element{};
     return elementFor(std::move(matches->front()));
+}
+
+// The application's windows, the active ones first, in their order.
+std::vector<ObjectRef> activeFirst(const std::vector<ObjectRef>& windows,
+                                   const std::vector<Message>& states) {
+    std::vector<ObjectRef> active, rest;
+    for (size_t i = 0; i < windows.size(); ++i) {
+        std::optional<StateBits> bits = parseStates(states[i].get());
+        (bits && hasState(*bits, ATSPI_STATE_ACTIVE) ? active : rest).push_back(windows[i]);
+    }
+    active.insert(active.end(), rest.begin(), rest.end());
+    return active;
 }
 
 // The same search, walking the tree one level at a time.
@@ -146,28 +153,61 @@ bool Accessibility::reachable() {
     return reachable_;
 }
 
+std::optional<Accessibility::ChildReplies> Accessibility::askChildren(
+    const ObjectRef& parent, Message (*ask)(const ObjectRef&), Message extra) {
+    DBusConnection* bus = atspi_get_a11y_bus();
+    std::vector<ObjectRef>& known = lastChildren_[{parent.bus, parent.path}];
+    CallBatch batch(bus, timeoutMs_);
+    size_t list = batch.add(childrenCall(parent));
+    size_t first = batch.size();
+    for (const ObjectRef& child : known) batch.add(ask(child));
+    size_t extraCall = extra ? batch.add(std::move(extra)) : 0;
+    batch.wait();
+    auto children = parseChildren(batch.reply(list));
+    if (!children) return std::nullopt;
+
+    ChildReplies result;
+    if (extraCall) result.extra = batch.take(extraCall);
+    if (*children == known) {
+        for (size_t i = 0; i < known.size(); ++i) result.replies.push_back(batch.take(first + i));
+    } else {
+        CallBatch again(bus, timeoutMs_);
+        for (const ObjectRef& child : *children) again.add(ask(child));
+        again.wait();
+        for (size_t i = 0; i < children->size(); ++i) result.replies.push_back(again.take(i));
+        known = *children;
+    }
+    result.children = std::move(*children);
+    return result;
+}
+
+std::optional<Accessibility::ChildReplies> Accessibility::windowStates(const ObjectRef& application,
+                                                                      Message extra) {
+    return askChildren(application, stateCall, std::move(extra));
+}
+
 std::optional<ObjectRef> Accessibility::findApplication(std::int32_t pid) {
     if (!connect() || pid <= 0) return std::nullopt;
-    DBusConnection* bus = atspi_get_a11y_bus();
-    // Every registered application, then the owner of each, asked together.
-    auto applications =
-        parseChildren(callAndWait(bus, childrenCall(kRegistryRoot), timeoutMs_).get());
-    if (!applications) return std::nullopt;
-    CallBatch owners(bus, timeoutMs_);
-    for (const ObjectRef& app : *applications) owners.add(processIdCall(app.bus));
-    owners.wait();
+    // Every registered application and the process that owns each.
+    auto owners = askChildren(kRegistryRoot, [](const ObjectRef& app) {
+        return processIdCall(app.bus);
+    });
+    if (!owners) return std::nullopt;
     std::vector<ObjectRef> matches;
-    for (size_t i = 0; i < applications->size(); ++i)
-        if (parseProcessId(owners.reply(i)) == pid) matches.push_back((*applications)[i]);
+    for (size_t i = 0; i < owners->children.size(); ++i)
+        if (parseProcessId(owners->replies[i].get()) == pid) matches.push_back(owners->children[i]);
     if (matches.empty()) return std::nullopt;
 
     // A process may register more than one application; the one with the
     // active window is the one in front.
     if (matches.size() > 1) {
         for (const ObjectRef& app : matches) {
-            ElementList windows = childrenOf(app, bus, timeoutMs_);
-            for (const auto& states : statesOf(windows, bus, timeoutMs_))
+            auto windows = windowStates(app);
+            if (!windows) continue;
+            for (const Message& reply : windows->replies) {
+                std::optional<StateBits> states = parseStates(reply.get());
                 if (states && hasState(*states, ATSPI_STATE_ACTIVE)) return app;
+            }
         }
     }
     return matches.front();
@@ -198,30 +238,40 @@ void Accessibility::setTimeout(float seconds) {
 }
 
 AttributeRead Accessibility::focusedWindow(const AccessibleElement& application) {
-    DBusConnection* bus = atspi_get_a11y_bus();
-    ElementList windows = childrenOf(application.ref(), bus, timeoutMs_);
-    std::vector<std::optional<StateBits>> states = statesOf(windows, bus, timeoutMs_);
-    for (size_t i = 0; i < windows.size(); ++i)
-        if (states[i] && hasState(*states[i], ATSPI_STATE_ACTIVE))
-            return {kAXErrorSuccess, windows[i]};
+    auto windows = windowStates(application.ref());
+    if (!windows) return {kAXErrorNoValue, {}};
+    for (size_t i = 0; i < windows->children.size(); ++i) {
+        std::optional<StateBits> states = parseStates(windows->replies[i].get());
+        if (states && hasState(*states, ATSPI_STATE_ACTIVE))
+            return {kAXErrorSuccess, elementFor(windows->children[i])};
+    }
     return {kAXErrorNoValue, {}};
 }
 
 AttributeRead Accessibility::focusedElement(const AccessibleElement& application) {
     // A toolkit marks the focused widget of its active window, so the active
-    // windows are searched first.
+    // windows are searched first. The window that was active last time is
+    // asked for its focused descendant along with the list; the answer
+    // serves if that window is still the first to search.
     DBusConnection* bus = atspi_get_a11y_bus();
-    ElementList windows = childrenOf(application.ref(), bus, timeoutMs_);
-    std::vector<std::optional<StateBits>> states = statesOf(windows, bus, timeoutMs_);
-    ElementList ordered;
-    for (size_t i = 0; i < windows.size(); ++i)
-        if (states[i] && hasState(*states[i], ATSPI_STATE_ACTIVE)) ordered.push_back(windows[i]);
-    for (size_t i = 0; i < windows.size(); ++i)
-        if (!states[i] || !hasState(*states[i], ATSPI_STATE_ACTIVE))
-            ordered.push_back(windows[i]);
-    for (const Element& window : ordered) {
-        std::optional<Element> focused = focusedByCollection(atspi(window)->ref(), bus, timeoutMs_);
-        if (!focused) focused = focusedByWalk(window, bus, timeoutMs_);
+    const ObjectRef& app = application.ref();
+    auto known = lastActive_.find(app.bus);
+    std::optional<ObjectRef> guess;
+    if (known != lastActive_.end()) guess = known->second;
+    auto windows = windowStates(app, guess ? focusedDescendantCall(*guess) : nullptr);
+    if (!windows) return {kAXErrorNoValue, {}};
+    std::vector<ObjectRef> ordered = activeFirst(windows->children, windows->replies);
+    if (!ordered.empty()) lastActive_[app.bus] = ordered.front();
+    for (const ObjectRef& window : ordered) {
+        std::optional<Element> focused;
+        if (guess && window == *guess && windows->extra) {
+            auto matches = parseMatches(windows->extra.get());
+            focused = matches && !matches->empty() ? elementFor(std::move(matches->front()))
+                                                   : Element{};
+        } else {
+            focused = focusedByCollection(window, bus, timeoutMs_);
+        }
+        if (!focused) focused = focusedByWalk(elementFor(window), bus, timeoutMs_);
         if (*focused) return {kAXErrorSuccess, *focused};
     }
     return {kAXErrorNoValue, {}};

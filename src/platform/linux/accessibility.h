@@ -87,6 +87,22 @@ private:
     std::optional<ObjectRef> findApplication(std::int32_t pid);
     AttributeRead focusedWindow(const AccessibleElement& application);
     AttributeRead focusedElement(const AccessibleElement& application);
+    // The children of `parent`, each with the reply to `ask(child)`; nothing
+    // when the list cannot be had. The questions about the children found
+    // last time go out with the list, in one round trip, and are asked again
+    // only when the list has changed: every answer is as fresh as the list.
+    // `extra`, when given, goes out in that same round trip too.
+    struct ChildReplies {
+        std::vector<ObjectRef> children;
+        std::vector<Message> replies;
+        Message extra;
+    };
+    std::optional<ChildReplies> askChildren(const ObjectRef& parent,
+                                            Message (*ask)(const ObjectRef&),
+                                            Message extra = nullptr);
+    // The application's windows and their states.
+    std::optional<ChildReplies> windowStates(const ObjectRef& application,
+                                             Message extra = nullptr);
     // A direct link to the application's own socket, for the tree scan;
     // null when it offers none (its requests then go over the bus).
     DirectLink* linkTo(const std::string& bus);
@@ -98,6 +114,10 @@ private:
     int timeoutMs_ = 2000;
     // Direct links by bus name; null where the application offers none.
     std::map<std::string, std::unique_ptr<DirectLink>> links_;
+    // Which children each parent had when last asked, and which window of
+    // each application was active: whom to ask along with the next list.
+    std::map<std::pair<std::string, std::string>, std::vector<ObjectRef>> lastChildren_;
+    std::map<std::string, ObjectRef> lastActive_;
     std::unique_ptr<TreeSnapshot> snapshot_;
     bool scanning_ = false;
     // Set when an application stopped answering during the current scan:

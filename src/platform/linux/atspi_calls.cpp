@@ -409,6 +409,13 @@ DBusMessage* CallBatch::reply(size_t index) const {
     return index < replies_.size() ? replies_[index] : nullptr;
 }
 
+Message CallBatch::take(size_t index) {
+    if (index >= replies_.size()) return nullptr;
+    Message reply(replies_[index]);
+    replies_[index] = nullptr;
+    return reply;
+}
+
 bool CallBatch::unsupported(size_t index) const {
     return index < unsupported_.size() && unsupported_[index];
 }

@@ -122,6 +122,8 @@ public:
     void wait();
     // The reply of call `index` after `wait`; null when it failed.
     DBusMessage* reply(size_t index) const;
+    // The reply of call `index` after `wait`, handed over; null when it failed.
+    Message take(size_t index);
     // Whether call `index` was refused because its object lacks the method
     // or the interface.
     bool unsupported(size_t index) const;
