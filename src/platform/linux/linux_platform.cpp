@@ -39,11 +39,11 @@ public:
     bool preflightScreenCaptureAccess() override { return display_.get() != nullptr; }
 
     Application frontmostApplication() override {
-        std::optional<XWindowId> active = display_.activeWindow();
+        std::optional<ActiveClient> active = display_.activeClient();
         if (!active) return nullptr;
         // A window without a process id cannot be tied to an application on
         // the accessibility bus; it is still a foreground window.
-        std::int64_t pid = display_.windowPid(*active).value_or(-1);
+        std::int64_t pid = active->pid.value_or(-1);
         if (pid > INT32_MAX) pid = -1;
         return accessibility_.application(static_cast<std::int32_t>(pid));
     }

@@ -116,23 +116,26 @@ xcb_connection_t* XDisplay::connection() {
 
 xcb_window_t XDisplay::root() { return static_cast<xcb_window_t>(DefaultRootWindow(display_)); }
 
-std::optional<XWindowId> XDisplay::activeWindow() {
+std::optional<ActiveClient> XDisplay::activeClient() {
     xcb_connection_t* c = connection();
     if (!c) return std::nullopt;
-    auto active = items(c, askProperty(c, root(), atom(kActiveWindow), XCB_ATOM_WINDOW),
-                        XCB_ATOM_WINDOW);
+    // The process of the window that was active last time is asked along
+    // with the active window: when that is still the one, both answers come
+    // from the same round trip.
+    auto activeCookie = askProperty(c, root(), atom(kActiveWindow), XCB_ATOM_WINDOW);
+    std::optional<xcb_get_property_cookie_t> guessedPid;
+    if (lastActive_) guessedPid = askProperty(c, lastActive_, atom(kWmPid), XCB_ATOM_CARDINAL);
+    auto active = items(c, activeCookie, XCB_ATOM_WINDOW);
+    std::optional<std::vector<std::uint32_t>> pid;
+    if (guessedPid) pid = items(c, *guessedPid, XCB_ATOM_CARDINAL);
     if (!active || active->empty() || active->front() == XCB_WINDOW_NONE) return std::nullopt;
-    return active->front();
-}
-
-std::optional<std::int64_t> XDisplay::windowPid(XWindowId window) {
-    xcb_connection_t* c = connection();
-    if (!c) return std::nullopt;
-    auto pid = items(c, askProperty(c, static_cast<xcb_window_t>(window), atom(kWmPid),
-                                    XCB_ATOM_CARDINAL),
-                     XCB_ATOM_CARDINAL);
-    if (!pid || pid->empty()) return std::nullopt;
-    return static_cast<std::int64_t>(pid->front());
+    xcb_window_t window = active->front();
+    if (window != lastActive_)
+        pid = items(c, askProperty(c, window, atom(kWmPid), XCB_ATOM_CARDINAL), XCB_ATOM_CARDINAL);
+    lastActive_ = window;
+    ActiveClient client{window, std::nullopt};
+    if (pid && !pid->empty()) client.pid = static_cast<std::int64_t>(pid->front());
+    return client;
 }
 
 std::optional<std::string> XDisplay::rootTextProperty(const char* name) {
@@ -149,34 +152,55 @@ std::optional<std::string> XDisplay::rootTextProperty(const char* name) {
                        static_cast<size_t>(xcb_get_property_value_length(reply.get())));
 }
 
+namespace {
+
+// Every question the window list asks about one client window.
+struct Questions {
+    xcb_window_t client;
+    xcb_get_window_attributes_cookie_t attributes;
+    xcb_get_geometry_cookie_t geometry;
+    xcb_translate_coordinates_cookie_t origin;
+    xcb_get_property_cookie_t types, states, pid, frame;
+};
+
+}  // namespace
+
 std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOnly,
                                                                  bool excludeDesktop) {
     xcb_connection_t* c = connection();
     if (!c) return std::nullopt;
-    auto stacking = items(c, askProperty(c, root(), atom(kClientListStacking), XCB_ATOM_WINDOW),
-                          XCB_ATOM_WINDOW);
-    if (!stacking) return std::nullopt;
-
     // Every question about every window goes out before the first answer is
-    // read: two round trips in all, however many windows there are.
-    struct Questions {
-        xcb_window_t client;
-        xcb_get_window_attributes_cookie_t attributes;
-        xcb_get_geometry_cookie_t geometry;
-        xcb_translate_coordinates_cookie_t origin;
-        xcb_get_property_cookie_t types, states, pid, frame;
+    // read, and those about the windows listed last time go out with the
+    // list itself: one round trip when the list is unchanged, two otherwise.
+    auto askAll = [&](const std::vector<std::uint32_t>& stacking) {
+        std::vector<Questions> asked;
+        asked.reserve(stacking.size());
+        // The property runs bottom to top; the list runs front to back.
+        for (auto it = stacking.rbegin(); it != stacking.rend(); ++it) {
+            xcb_window_t client = *it;
+            asked.push_back({client, xcb_get_window_attributes(c, client),
+                             xcb_get_geometry(c, client),
+                             xcb_translate_coordinates(c, client, root(), 0, 0),
+                             askProperty(c, client, atom(kWmWindowType), XCB_ATOM_ATOM),
+                             askProperty(c, client, atom(kWmState), XCB_ATOM_ATOM),
+                             askProperty(c, client, atom(kWmPid), XCB_ATOM_CARDINAL),
+                             askProperty(c, client, atom(kFrameExtents), XCB_ATOM_CARDINAL)});
+        }
+        return asked;
     };
-    std::vector<Questions> asked;
-    asked.reserve(stacking->size());
-    // The property runs bottom to top; the list runs front to back.
-    for (auto it = stacking->rbegin(); it != stacking->rend(); ++it) {
-        xcb_window_t client = *it;
-        asked.push_back({client, xcb_get_window_attributes(c, client),
-                         xcb_get_geometry(c, client), xcb_translate_coordinates(c, client, root(), 0, 0),
-                         askProperty(c, client, atom(kWmWindowType), XCB_ATOM_ATOM),
-                         askProperty(c, client, atom(kWmState), XCB_ATOM_ATOM),
-                         askProperty(c, client, atom(kWmPid), XCB_ATOM_CARDINAL),
-                         askProperty(c, client, atom(kFrameExtents), XCB_ATOM_CARDINAL)});
+    auto stackingCookie = askProperty(c, root(), atom(kClientListStacking), XCB_ATOM_WINDOW);
+    std::vector<Questions> asked = askAll(lastStacking_);
+    auto stacking = items(c, stackingCookie, XCB_ATOM_WINDOW);
+    if (!stacking || *stacking != lastStacking_) {
+        for (const Questions& q : asked)
+            for (unsigned sequence : {q.attributes.sequence, q.geometry.sequence, q.origin.sequence,
+                                      q.types.sequence, q.states.sequence, q.pid.sequence,
+                                      q.frame.sequence})
+                xcb_discard_reply(c, sequence);
+        asked.clear();
+        if (!stacking) return std::nullopt;
+        lastStacking_ = *stacking;
+        asked = askAll(*stacking);
     }
 
     std::vector<WindowListEntry> entries;
@@ -189,7 +213,6 @@ std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOn
         auto states = items(c, q.states, XCB_ATOM_ATOM);
         auto pid = items(c, q.pid, XCB_ATOM_CARDINAL);
         auto frameItems = items(c, q.frame, XCB_ATOM_CARDINAL);
-
         if (!attributes || !geometry) continue;  // gone since the list was read
         if (onScreenOnly && attributes->map_state != XCB_MAP_STATE_VIEWABLE) continue;
         bool desktop = contains(types, atom(kTypeDesktop));

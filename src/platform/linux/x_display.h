@@ -38,6 +38,11 @@ struct FrameExtents {
 // what GTK and the other toolkits report to AT-SPI as a top-level's extents.
 Rect framedBounds(int clientX, int clientY, int width, int height, const FrameExtents&);
 
+struct ActiveClient {
+    XWindowId window = 0;
+    std::optional<std::int64_t> pid;
+};
+
 class XDisplay {
 public:
     XDisplay() = default;
@@ -48,10 +53,9 @@ public:
     // The connection to $DISPLAY, opened on first use; null without one.
     _XDisplay* get();
 
-    // _NET_ACTIVE_WINDOW; empty when no window is active.
-    std::optional<XWindowId> activeWindow();
-    // _NET_WM_PID of a client window.
-    std::optional<std::int64_t> windowPid(XWindowId);
+    // _NET_ACTIVE_WINDOW and its _NET_WM_PID; empty when no window is
+    // active.
+    std::optional<ActiveClient> activeClient();
     // The on-screen windows, front to back (_NET_CLIENT_LIST_STACKING);
     // empty when the window manager publishes no list. An entry's number is
     // the client window's id (X ids have 29 bits, so it fits the 32 bits of
@@ -73,6 +77,9 @@ private:
     _XDisplay* display_ = nullptr;
     bool opened_ = false;
     std::optional<std::array<std::uint32_t, kAtoms>> atoms_;
+    // What was read last time, to ask about along with the next read.
+    std::uint32_t lastActive_ = 0;
+    std::vector<std::uint32_t> lastStacking_;
 };
 
 }  // namespace quorvel::linux_backend
