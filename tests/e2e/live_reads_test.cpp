@@ -137,6 +137,36 @@ TEST(LiveReads, WindowsOpenedOrClosedBetweenTwoReadsAreSeen) {
     EXPECT_TRUE(platform.equal(again, entry));
 }
 
+// The failure message of validating `scope` now; empty when it passes.
+std::string validation(Platform& platform, const JsonObject& scope) {
+    try {
+        validate(platform, scope);
+        return "";
+    } catch (const Failure& failure) {
+        return failure.message();
+    }
+}
+
+// The window list and the active window are also asked about along with
+// what was seen last time: a window moved or retitled between two checks of
+// one process must fail the second.
+TEST(LiveReads, WindowMovedOrRetitledBetweenTwoChecksIsSeen) {
+    const std::string changed = "The foreground window changed. Observe again before sending input.";
+    Fixture fixture;
+    Platform& platform = systemPlatform();
+    for (const char* change : {"move 7 5", "title Renamed"}) {
+        JsonObject scope = front(platform).scope(platform);
+        ASSERT_EQ(validation(platform, scope), "") << change;
+        fixture.command(change);
+        std::string message;
+        for (int attempt = 0; attempt < 50 && message.empty(); ++attempt) {
+            message = validation(platform, scope);
+            if (message.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        EXPECT_EQ(message, changed) << change;
+    }
+}
+
 TEST(LiveReads, OnlyEditorsThatOfferItCanBeSetThroughAccessibility) {
     Fixture fixture;
     Platform& platform = systemPlatform();
