@@ -1,5 +1,6 @@
 """Typing and clicking, timed as the agent sees them: one whole process per
-request. Runs inside a virtual desktop; see bench/typing."""
+request. Runs inside a virtual desktop; see bench/typing. (Not typing.py,
+which would shadow Python's module of that name.)"""
 
 import argparse
 import difflib
