@@ -12,70 +12,33 @@
 // - a success envelope in canonical form (writing it again after a parse
 //   gives the same bytes);
 // - a failure message from the bridge's fixed set of sentences;
-// - no read of the password field's value, title or description, and its
-//   secret nowhere in the response;
+// - no read of the password field's value, title or description, no write
+//   into it, and its secrets nowhere in the response;
 // - posted input that is well-formed: clicks inside the window, key presses
 //   as down/up pairs, typed chunks of at most 16 UTF-16 units that never
 //   split a surrogate pair, scroll deltas within the clamp;
 // - a balanced tree-scan bracket.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <set>
 #include <string>
 #include <string_view>
 
-#include "bridge/envelope.h"
-#include "bridge/json.h"
-#include "fake/fake_desktop.h"
-#include "fuzz_scene.h"
+#include "scene.h"
 
 namespace {
 
 using quorvel::Json;
 using quorvel::fake::FakeEvent;
+using quorvel::fake::FormScene;
 using quorvel::fake::StandardScene;
-using quorvel::fuzz::FuzzScene;
-using quorvel::fuzz::kSecret;
-using quorvel::fuzz::kSecretDescription;
-using quorvel::fuzz::kSecretTitle;
 
 [[noreturn]] void fault(const char* what, std::string_view input, const std::string& body) {
     std::fprintf(stderr, "respond_fuzzer: %s\n  input: %.*s\n  output: %s\n", what,
                  static_cast<int>(input.size() > 2000 ? 2000 : input.size()), input.data(),
                  body.c_str());
     std::abort();
-}
-
-const std::set<std::string>& knownMessages() {
-    static const std::set<std::string> messages{
-        quorvel::kGenericMessage,
-        quorvel::kInvalidRequestMessage,
-        "Unsupported native protocol.",
-        "Invalid native operation.",
-        "Unsupported action.",
-        "Text, expected value and replace flag are required.",
-        "Unsupported key.",
-        "Place the cursor inside the observed window before native scrolling.",
-        "Unable to create scroll input.",
-        "No foreground application. Unlock the desktop.",
-        "The foreground window has no accessible bounds.",
-        "The foreground window cannot be identified uniquely. Close overlapping duplicate "
-        "windows and observe again.",
-        "The foreground window changed. Observe again before sending input.",
-        "Native editor exceeds the complete-read limit. Use a scoped browser document reader "
-        "before editing.",
-        "Screen capture failed.",
-        "Unable to create keyboard input.",
-        "Click lies outside the observed window or has an invalid count.",
-        "Unable to create mouse input.",
-        "Focus an enabled, writable non-password text editor before typing.",
-        "The editor value changed since observation. Nothing was typed.",
-        "The editor rejected text replacement; inspect before retrying.",
-        "The focused editor changed during input. Inspect before retrying.",
-        "Unable to create text input.",
-    };
-    return messages;
 }
 
 bool insideWindow(quorvel::Point p) {
@@ -122,16 +85,13 @@ const char* malformedInput(const std::vector<FakeEvent>& posted) {
 
 // The one refusal that may leave input behind on a desktop that does not
 // change: the single click of "type_into" before its typing guards refuse.
-bool onlyTheClickOfTypeInto(const std::vector<FakeEvent>& posted) {
-    return posted.size() == 2 && posted[0].kind == FakeEvent::Kind::Mouse &&
-           posted[1].kind == FakeEvent::Kind::Mouse &&
-           posted[0].mouseType == quorvel::MouseEventType::LeftMouseDown &&
-           posted[1].mouseType == quorvel::MouseEventType::LeftMouseUp &&
-           posted[0].clickState == 1 && posted[1].clickState == 1;
+bool onlyTheClickOfTypeInto(const std::vector<std::string>& posted) {
+    return posted.size() == 2 && posted[0].starts_with("mouse down click=1 ") &&
+           posted[1].starts_with("mouse up click=1 ");
 }
 
 void check(std::string_view input, bool settable) {
-    FuzzScene scene(settable);
+    FormScene scene(settable);
     quorvel::Response response = quorvel::respond(scene.desktop, input);
     const std::string& body = response.body;
 
@@ -154,17 +114,21 @@ void check(std::string_view input, bool settable) {
         auto error = envelope.find("error");
         if (error == envelope.end() || !error->is_string()) fault("no error", input, body);
         if (response.status != 1) fault("failure with a success status", input, body);
-        if (!knownMessages().count(error->get<std::string>()))
+        const auto& known = quorvel::msg::all();
+        if (std::find(known.begin(), known.end(), error->get<std::string>()) == known.end())
             fault("a failure message outside the fixed set", input, body);
         if (!scene.desktop.setValues.empty()) fault("a refusal changed the editor", input, body);
-        if (!scene.desktop.posted.empty() && !onlyTheClickOfTypeInto(scene.desktop.posted))
+        if (!scene.desktop.posted.empty() && !onlyTheClickOfTypeInto(scene.desktop.postedLog()))
             fault("a refusal posted input", input, body);
     }
 
     for (const char* attribute : {"AXValue", "AXTitle", "AXDescription"})
         if (scene.desktop.wasRead(scene.password, attribute))
             fault("the password field was read", input, body);
-    for (const char* secret : {kSecret, kSecretTitle, kSecretDescription})
+    for (const auto& [element, text] : scene.desktop.setValues)
+        if (element == scene.password) fault("the password field was written", input, body);
+    for (const char* secret : {quorvel::fake::kSecretValue, quorvel::fake::kSecretTitle,
+                               quorvel::fake::kSecretDescription})
         if (body.find(secret) != std::string::npos) fault("a secret in the response", input, body);
     if (const char* what = malformedInput(scene.desktop.posted)) fault(what, input, body);
     if (scene.desktop.scanBrackets != 0) fault("unbalanced tree-scan bracket", input, body);

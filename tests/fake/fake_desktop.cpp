@@ -429,4 +429,47 @@ void StandardScene::focus(ElementId element) {
         desktop.set(app, "AXFocusedUIElement", desktop.handle(element));
 }
 
+FormScene::FormScene(bool settable) {
+    auto text = [](const char* s) { return Value{std::string(s)}; };
+    ElementId label = desktop.add({{"AXRole", text("AXStaticText")}, {"AXValue", text("Name:")},
+                                   {"AXPosition", Point{110, 60}}, {"AXSize", Size{80, 20}}});
+    editor = desktop.add({{"AXRole", text("AXTextField")}, {"AXValue", text("hello")},
+                          {"AXEnabled", true}, {"AXEditable", true},
+                          {"AXPosition", Point{200, 60}}, {"AXSize", Size{300, 24}}});
+    twin = desktop.add({{"AXRole", text("AXTextArea")}, {"AXValue", text("hello")},
+                        {"AXPosition", Point{200, 100}}, {"AXSize", Size{300, 200}}});
+    desktop.elements.at(editor).valueSettable = settable;
+    desktop.elements.at(twin).valueSettable = settable;
+    password = desktop.add({{"AXRole", text("AXTextField")}, {"AXSubrole", text("AXSecureTextField")},
+                            {"AXValue", text(kSecretValue)}, {"AXTitle", text(kSecretTitle)},
+                            {"AXDescription", text(kSecretDescription)}, {"AXEnabled", true},
+                            {"AXEditable", true}, {"AXPosition", Point{200, 320}},
+                            {"AXSize", Size{300, 24}}});
+    // Writable if anyone asked, so that a write would not fail by itself.
+    desktop.elements.at(password).valueSettable = true;
+    ElementId button = desktop.add({{"AXRole", text("AXButton")}, {"AXTitle", text("Save")},
+                                    {"AXPosition", Point{600, 500}}, {"AXSize", Size{80, 30}}});
+    ElementId slider = desktop.add({{"AXRole", text("AXSlider")}, {"AXValue", std::int64_t{42}}});
+    group = desktop.add({{"AXRole", text("AXGroup")}});
+    desktop.setChildren(standard.window, {label, editor, twin, group});
+    desktop.setChildren(group, {password, button, slider});
+    standard.focus(editor);
+    desktop.pointer = Point{300, 300};
+    desktop.recognized = {{{0.1, 0.8, 0.3, 0.1}, {{"Name:", 0.9f}}}};
+
+    ElementId otherWindow = desktop.add({{"AXRole", text("AXWindow")}, {"AXTitle", text("Other")},
+                                         {"AXPosition", Point{kOtherFrame.x, kOtherFrame.y}},
+                                         {"AXSize", Size{kOtherFrame.width, kOtherFrame.height}}});
+    desktop.set(desktop.applicationElement(kOtherPid), "AXFocusedWindow", desktop.handle(otherWindow));
+}
+
+void FormScene::bringOtherWindowToFront() {
+    desktop.frontmost = FakeApplication{};
+    desktop.frontmost->pid = kOtherPid;
+    desktop.frontmost->name = "Other";
+    desktop.windowList->insert(desktop.windowList->begin(),
+                               WindowListEntry{std::int64_t{kOtherPid}, std::int64_t{0},
+                                               kOtherFrame, std::int64_t{88}});
+}
+
 }  // namespace quorvel::fake

@@ -251,4 +251,30 @@ struct StandardScene {
     ElementId window;  // the focused window element, root of the tree
 };
 
+// What the form's password field holds; none of it may ever leave the bridge.
+inline constexpr char kSecretValue[] = "correct-horse-battery";
+inline constexpr char kSecretTitle[] = "vault-title-7731";
+inline constexpr char kSecretDescription[] = "vault-description-0458";
+
+// The standard window holding a form: a label, the focused editor (value
+// "hello"), a second editor with the same value (somewhere for focus to go),
+// and a group of a password field, a button and a slider. A second
+// application stands ready to bring its window to the front.
+struct FormScene {
+    static constexpr std::int32_t kOtherPid = 5151;
+    static constexpr Rect kOtherFrame{300, 200, 400, 300};
+    static constexpr Point kInPassword{250, 330};
+
+    // `settable`: whether the editors' values can be set in one step.
+    explicit FormScene(bool settable = false);
+    void bringOtherWindowToFront();
+
+    FakeDesktop desktop;
+    StandardScene standard{desktop};
+    ElementId editor = 0;
+    ElementId twin = 0;
+    ElementId group = 0;
+    ElementId password = 0;
+};
+
 }  // namespace quorvel::fake
