@@ -1,7 +1,8 @@
+// The dispatcher: protocol checks, the capabilities report, the key table,
+// and how "act" requests are decoded.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <ostream>
 
 #include "bridge/dispatch.h"
 #include "scene.h"
@@ -10,125 +11,81 @@ namespace quorvel {
 namespace {
 
 using fake::FakeDesktop;
-using fake::FakeEvent;
 using fake::StandardScene;
-using testing::act;
 using testing::errorOf;
-using testing::observedScope;
 using testing::request;
 
-struct Refusal {
-    const char* name;
-    std::string request;
-    std::string message;
-};
-
-void PrintTo(const Refusal& r, std::ostream* os) { *os << r.name; }
-
-class DispatchRefusal : public ::testing::TestWithParam<Refusal> {};
-
-TEST_P(DispatchRefusal, RefusesWithItsMessageAndPostsNothing) {
-    FakeDesktop desktop;
-    StandardScene scene(desktop);
-    Json scope = observedScope(desktop);
-    std::string text = GetParam().request;
-    for (size_t at; (at = text.find("$SCOPE")) != std::string::npos;)
-        text.replace(at, 6, writeJson(scope));
-    desktop.posted.clear();
-    EXPECT_EQ(errorOf(request(desktop, text)), GetParam().message);
-    EXPECT_TRUE(desktop.posted.empty());
+TEST(Dispatch, RefusesWithItsMessageAndPostsNothing) {
+    struct Case {
+        const char* name;
+        std::string request;  // $SCOPE stands for the observed scope
+        const char* message;
+    };
+    const std::string act = R"({"version":1,"operation":"act","scope":$SCOPE,"action":)";
+    for (const Case& c : {
+             Case{"no_version", R"({"operation":"capabilities"})", msg::kProtocol},
+             Case{"version_2", R"({"version":2,"operation":"capabilities"})", msg::kProtocol},
+             Case{"version_as_string", R"({"version":"1","operation":"capabilities"})", msg::kProtocol},
+             Case{"version_fraction", R"({"version":1.5,"operation":"capabilities"})", msg::kProtocol},
+             Case{"no_operation", R"({"version":1})", msg::kProtocol},
+             Case{"operation_not_string", R"({"version":1,"operation":5})", msg::kProtocol},
+             Case{"version_checked_first", R"({"version":3,"operation":"nonsense"})", msg::kProtocol},
+             Case{"unknown_operation", R"({"version":1,"operation":"nonsense"})", msg::kOperation},
+             Case{"operation_in_capitals", R"({"version":1,"operation":"ACT"})", msg::kOperation},
+             Case{"act_without_scope", R"({"version":1,"operation":"act","action":{"kind":"key","value":"tab"}})",
+                  msg::kOperation},
+             Case{"act_scope_array", R"({"version":1,"operation":"act","scope":[],"action":{"kind":"key"}})",
+                  msg::kOperation},
+             Case{"act_without_action", R"({"version":1,"operation":"act","scope":$SCOPE})", msg::kOperation},
+             Case{"act_kind_missing", act + R"({"value":"tab"}})", msg::kOperation},
+             Case{"act_kind_not_string", act + R"({"kind":1}})", msg::kOperation},
+             Case{"unknown_kind", act + R"({"kind":"drag"}})", msg::kAction},
+             Case{"unknown_kind_with_stale_scope",
+                  R"({"version":1,"operation":"act","scope":{"pid":1},"action":{"kind":"drag"}})",
+                  msg::kChanged},
+             Case{"key_in_other_case", act + R"({"kind":"key","value":"Escape"}})", msg::kKey},
+             Case{"key_not_in_table", act + R"({"kind":"key","value":"space"}})", msg::kKey},
+             Case{"key_value_missing", act + R"({"kind":"key"}})", msg::kKey},
+             Case{"type_into_without_replace",
+                  act + R"({"kind":"type_into","x":150,"y":80,"value":"a","expected_value":""}})",
+                  msg::kTextFields},
+             Case{"type_replace_not_boolean",
+                  act + R"({"kind":"type","value":"a","replace":0,"expected_value":""}})", msg::kTextFields},
+             Case{"type_without_expected", act + R"({"kind":"type","value":"a","replace":false}})",
+                  msg::kTextFields},
+             Case{"type_value_not_string",
+                  act + R"({"kind":"type","value":1,"replace":false,"expected_value":""}})", msg::kTextFields},
+             Case{"click_without_coordinates", act + R"({"kind":"click"}})", msg::kOutside},
+             Case{"type_into_outside_window",
+                  act + R"({"kind":"type_into","x":5,"y":5,"value":"a","replace":false,"expected_value":""}})",
+                  msg::kOutside},
+         }) {
+        FakeDesktop desktop;
+        StandardScene scene(desktop);
+        std::string text = c.request;
+        for (size_t at; (at = text.find("$SCOPE")) != std::string::npos;)
+            text.replace(at, 6, writeJson(testing::standardScope()));
+        EXPECT_EQ(errorOf(request(desktop, text)), c.message) << c.name;
+        EXPECT_TRUE(desktop.posted.empty()) << c.name;
+    }
 }
-
-const std::string kProtocol = "Unsupported native protocol.";
-const std::string kOperation = "Invalid native operation.";
-const std::string kTextFields = "Text, expected value and replace flag are required.";
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, DispatchRefusal,
-    ::testing::Values(
-        Refusal{"no_version", R"({"operation":"capabilities"})", kProtocol},
-        Refusal{"version_2", R"({"version":2,"operation":"capabilities"})", kProtocol},
-        Refusal{"version_as_string", R"({"version":"1","operation":"capabilities"})", kProtocol},
-        Refusal{"version_as_boolean", R"({"version":true,"operation":"capabilities"})", kProtocol},
-        Refusal{"version_fraction", R"({"version":1.5,"operation":"capabilities"})", kProtocol},
-        Refusal{"no_operation", R"({"version":1})", kProtocol},
-        Refusal{"operation_not_string", R"({"version":1,"operation":5})", kProtocol},
-        Refusal{"version_checked_before_operation", R"({"version":3,"operation":"nonsense"})",
-                kProtocol},
-        Refusal{"unknown_operation", R"({"version":1,"operation":"nonsense"})", kOperation},
-        Refusal{"operation_in_capitals", R"({"version":1,"operation":"ACT"})", kOperation},
-        Refusal{"act_without_scope",
-                R"({"version":1,"operation":"act","action":{"kind":"key","value":"tab"}})",
-                kOperation},
-        Refusal{"act_scope_array",
-                R"({"version":1,"operation":"act","scope":[],"action":{"kind":"key"}})",
-                kOperation},
-        Refusal{"act_without_action", R"({"version":1,"operation":"act","scope":$SCOPE})",
-                kOperation},
-        Refusal{"act_kind_missing",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"value":"tab"}})",
-                kOperation},
-        Refusal{"act_kind_not_string",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":1}})",
-                kOperation},
-        Refusal{"unknown_kind_with_valid_scope",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"drag"}})",
-                "Unsupported action."},
-        Refusal{"unknown_kind_with_stale_scope",
-                R"({"version":1,"operation":"act","scope":{"pid":1},"action":{"kind":"drag"}})",
-                "The foreground window changed. Observe again before sending input."},
-        Refusal{"key_in_other_case",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"key","value":"Escape"}})",
-                "Unsupported key."},
-        Refusal{"key_not_in_table",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"key","value":"space"}})",
-                "Unsupported key."},
-        Refusal{"key_value_missing",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"key"}})",
-                "Unsupported key."},
-        Refusal{"type_into_without_replace",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"type_into","x":150,"y":80,"value":"a","expected_value":""}})",
-                kTextFields},
-        Refusal{"type_replace_not_boolean",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"type","value":"a","replace":0,"expected_value":""}})",
-                kTextFields},
-        Refusal{"type_without_expected",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"type","value":"a","replace":false}})",
-                kTextFields},
-        Refusal{"type_value_not_string",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"type","value":1,"replace":false,"expected_value":""}})",
-                kTextFields},
-        Refusal{"click_without_coordinates",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"click"}})",
-                "Click lies outside the observed window or has an invalid count."},
-        Refusal{"type_into_outside_window",
-                R"({"version":1,"operation":"act","scope":$SCOPE,"action":{"kind":"type_into","x":5,"y":5,"value":"a","replace":false,"expected_value":""}})",
-                "Click lies outside the observed window or has an invalid count."}),
-    [](const ::testing::TestParamInfo<Refusal>& info) { return info.param.name; });
 
 TEST(Dispatch, CapabilitiesNeedNoWindowAndAskAccessibilityFirst) {
     FakeDesktop desktop;  // no application at all
-    desktop.trusted = true;
     desktop.screenCaptureAllowed = false;
-    Response r = respond(desktop, R"({"version":1,"operation":"capabilities","scope":7})");
+    Response r = respond(desktop, R"({"version":1.0,"operation":"capabilities","scope":7})");
     EXPECT_EQ(r.body, R"({"ok":true,"result":{"accessibility":true,"clipboard_free_input":true,)"
                       R"("platform":"fake","screen_capture":false,"version":1}})");
     EXPECT_EQ(desktop.calls,
               (std::vector<std::string>{"isProcessTrusted", "preflightScreenCaptureAccess"}));
 }
 
-TEST(Dispatch, VersionGivenAsIntegralFloatIsAccepted) {
+TEST(Dispatch, ActAnswersWithTheFixedResult) {
     FakeDesktop desktop;
-    EXPECT_EQ(respond(desktop, R"({"version":1.0,"operation":"capabilities"})").status, 0);
-}
-
-TEST(Dispatch, ObservationOperationsReachObserve) {
-    for (const char* op : {"context", "observe", "capture"}) {
-        FakeDesktop desktop;
-        StandardScene scene(desktop);
-        Json r = request(desktop, std::string(R"({"version":1,"operation":")") + op + "\"}");
-        EXPECT_TRUE(r.at("ok").get<bool>()) << op << ": " << r.dump();
-    }
+    StandardScene scene(desktop);
+    Response r = respond(desktop, testing::act(testing::standardScope(), R"({"kind":"key","value":"escape"})"));
+    EXPECT_EQ(r.body, R"({"ok":true,"result":{"input_dispatched":true,"server_save_verified":false}})");
+    EXPECT_EQ(r.status, 0);
 }
 
 TEST(Dispatch, KeyNamesMapToTheirCodesAndFlags) {
@@ -139,76 +96,28 @@ TEST(Dispatch, KeyNamesMapToTheirCodesAndFlags) {
     };
     for (Case c : {Case{"escape", 53, 0}, Case{"enter", 36, 0}, Case{"tab", 48, 0},
                    Case{"navigate_back", 33, kCGEventFlagMaskCommand}}) {
-        FakeDesktop desktop;
-        StandardScene scene(desktop);
-        Json scope = observedScope(desktop);
-        Json r = request(desktop, act(scope, std::string(R"({"kind":"key","value":")") + c.name +
-                                                 "\"}"));
-        ASSERT_TRUE(r.at("ok").get<bool>()) << r.dump();
-        ASSERT_EQ(desktop.posted.size(), 2u) << c.name;
-        EXPECT_TRUE(desktop.posted[0].keyDown);
-        EXPECT_FALSE(desktop.posted[1].keyDown);
-        for (const FakeEvent& e : desktop.posted) {
-            EXPECT_EQ(e.keyCode, c.code) << c.name;
-            EXPECT_EQ(e.flags, c.flags) << c.name;
-        }
+        std::optional<KeyChord> chord = keyNamed(c.name);
+        ASSERT_TRUE(chord.has_value()) << c.name;
+        EXPECT_EQ(chord->code, c.code) << c.name;
+        EXPECT_EQ(chord->flags, c.flags) << c.name;
     }
 }
 
-TEST(Dispatch, ClickCountDefaultsToOneWhenAbsentOrNotAnInteger) {
-    for (const char* count : {"", R"(,"count":"2")", R"(,"count":1.5)", R"(,"count":null)"}) {
-        FakeDesktop desktop;
-        StandardScene scene(desktop);
-        Json scope = observedScope(desktop);
-        Json r = request(desktop,
-                         act(scope, std::string(R"({"kind":"click","x":150,"y":80)") + count + "}"));
-        ASSERT_TRUE(r.at("ok").get<bool>()) << count << r.dump();
-        EXPECT_EQ(desktop.posted.size(), 2u) << count;
-    }
-}
-
-TEST(Dispatch, TypeIntoClicksOncePausesThenTypes) {
-    FakeDesktop desktop;
-    StandardScene scene(desktop);
-    fake::ElementId field = desktop.add({{"AXRole", std::string("AXTextField")},
-                                         {"AXValue", std::string("old")}});
-    scene.focus(field);
-    Json scope = observedScope(desktop);
-    Json r = request(desktop, act(scope, R"({"kind":"type_into","x":150,"y":80,"value":"new",)"
-                                         R"("replace":false,"expected_value":"old"})"));
-    ASSERT_TRUE(r.at("ok").get<bool>()) << r.dump();
-    ASSERT_EQ(desktop.posted.size(), 4u);
-    EXPECT_EQ(desktop.posted[0].kind, FakeEvent::Kind::Mouse);
-    EXPECT_EQ(desktop.posted[1].kind, FakeEvent::Kind::Mouse);
-    EXPECT_EQ(desktop.posted[2].unicode, u"new");
-    EXPECT_EQ(desktop.sleeps, std::vector<double>{0.1});
-    // The pause comes after the click's last post and before any key event.
-    auto index = [&](auto pred) {
-        return std::find_if(desktop.calls.begin(), desktop.calls.end(), pred) -
-               desktop.calls.begin();
-    };
-    auto sleepAt = index([](const std::string& c) { return c == "sleep"; });
-    auto firstKey = index([](const std::string& c) { return c.rfind("createKeyboardEvent", 0) == 0; });
-    auto secondPost = std::find(desktop.calls.begin() + index([](const std::string& c) {
-                                    return c == "post 0";
-                                }) + 1,
-                                desktop.calls.end(), "post 0") -
-                      desktop.calls.begin();
-    EXPECT_LT(secondPost, sleepAt);
-    EXPECT_LT(sleepAt, firstKey);
-}
-
-TEST(Dispatch, ScrollAmountDefaultsToZero) {
-    for (const char* amount : {"", R"(,"amount":"9")", R"(,"amount":2.5)"}) {
-        FakeDesktop desktop;
-        StandardScene scene(desktop);
-        desktop.pointer = Point{150, 80};
-        Json scope = observedScope(desktop);
-        Json r = request(desktop, act(scope, std::string(R"({"kind":"scroll")") + amount + "}"));
-        ASSERT_TRUE(r.at("ok").get<bool>()) << r.dump();
-        ASSERT_EQ(desktop.posted.size(), 1u);
-        EXPECT_EQ(desktop.posted[0].wheel[0], 0) << amount;
-    }
+TEST(Dispatch, TypeIntoPausesATenthOfASecondBetweenTheClickAndTheTyping) {
+    fake::FormScene scene;
+    Json r = request(scene.desktop, testing::act(testing::standardScope(),
+                                                 R"({"kind":"type_into","x":210,"y":70,"value":"new",)"
+                                                 R"("replace":false,"expected_value":"hello"})"));
+    ASSERT_EQ(errorOf(r), testing::kSuccess);
+    const std::vector<std::string>& calls = scene.desktop.calls;
+    EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](auto& c) { return c.starts_with("sleep"); }), 1);
+    auto sleep = std::find(calls.begin(), calls.end(), "sleep 0.1");
+    auto lastMouse = std::find(calls.rbegin(), calls.rend(), "createMouseEvent 2");
+    auto firstKey = std::find_if(calls.begin(), calls.end(), [](const std::string& c) {
+        return c.starts_with("createKeyboardEvent");
+    });
+    EXPECT_TRUE(lastMouse.base() < sleep && sleep < firstKey);
+    EXPECT_EQ(std::count(lastMouse.base(), sleep, "post 0"), 1);  // the click's last event
 }
 
 }  // namespace

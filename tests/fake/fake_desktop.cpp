@@ -247,8 +247,10 @@ AXError FakeDesktop::isAttributeSettable(const Element& el, std::string_view att
                                          bool& settable) {
     ElementId id = idOf(el);
     record("isAttributeSettable " + std::to_string(id) + " " + std::string(attribute));
+    // The flag is written even when the call fails, as a failing platform
+    // call may leave anything there.
     const ElementData& data = elements.at(id);
-    if (data.settableCode == kAXErrorSuccess) settable = data.valueSettable;
+    settable = data.valueSettable;
     return data.settableCode;
 }
 
@@ -381,8 +383,9 @@ void FakeDesktop::post(EventTap tap, EventObject& event) {
 }
 
 void FakeDesktop::sleep(double seconds) {
-    record("sleep");
-    sleeps.push_back(seconds);
+    std::ostringstream s;
+    s << "sleep " << seconds;
+    record(s.str());
 }
 
 StandardScene::StandardScene(FakeDesktop& d) : desktop(d) {

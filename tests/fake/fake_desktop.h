@@ -136,9 +136,8 @@ public:
     std::set<int> failEventCreation;
 
     // --- What the fake records ------------------------------------------------
-    std::vector<std::string> calls;  // e.g. "copyAttributeValue 3 AXRole"
+    std::vector<std::string> calls;  // e.g. "copyAttributeValue 3 AXRole", "sleep 0.1"
     std::vector<FakeEvent> posted;
-    std::vector<double> sleeps;
     std::vector<std::pair<ElementId, std::string>> setValues;
     int eventsCreated = 0;
     int scanBrackets = 0;  // open begin/end pairs; 0 when balanced
