@@ -54,7 +54,7 @@ TEST(Read, ReadsGiveTheTypedValueOrTheirFixedFallback) {
         EXPECT_EQ(std::holds_alternative<std::monostate>(attr(desktop, handle, "AXThing")),
                   !c.attribute || c.attribute->code != kAXErrorSuccess ||
                       std::holds_alternative<std::monostate>(c.attribute->value));
-        EXPECT_EQ(desktop.unreleased(), "");
+        EXPECT_EQ(desktop.unreleased(), 0);
     }
 }
 

@@ -67,7 +67,7 @@ RunRecord run(const Scenario& s, const std::function<void(FormScene&)>& arm) {
     r.posted = scene.desktop.postedLog();
     for (const auto& [element, value] : scene.desktop.setValues) r.setTexts.push_back(value);
     EXPECT_EQ(scene.desktop.scanBrackets, 0);
-    EXPECT_EQ(scene.desktop.unreleased(), "");
+    EXPECT_EQ(scene.desktop.unreleased(), 0);
     return r;
 }
 

@@ -133,7 +133,7 @@ TEST(Scan, OneOverLongValueFailsTheWholeScanAndClosesTheBracket) {
     EXPECT_EQ(failureOf([&] { scan(desktop, foreground(desktop)); }), msg::kReadLimit);
     EXPECT_FALSE(desktop.wasRead(tree[41], "AXRole"));  // stops at once
     EXPECT_EQ(desktop.scanBrackets, 0);
-    EXPECT_EQ(desktop.unreleased(), "");
+    EXPECT_EQ(desktop.unreleased(), 0);
 }
 
 TEST(Scan, RecordFieldsFallBackOneByOne) {
@@ -187,7 +187,7 @@ TEST(Scan, ChildrenThatAreNotAListOfElementsAddNothing) {
             children.value = ElementList{desktop.handle(desktop.add())};
         desktop.set(scene.window, "AXChildren", children.value, children.code);
         EXPECT_EQ(scan(desktop, foreground(desktop)).nodes.size(), 1u);
-        EXPECT_EQ(desktop.unreleased(), "");
+        EXPECT_EQ(desktop.unreleased(), 0);
     }
 }
 

@@ -72,7 +72,7 @@ TEST(Foreground, RefusesAWindowItCannotMeasureOrMatchExactlyOnce) {
         StandardScene scene(desktop);
         c.arrange(scene);
         EXPECT_EQ(failureOf([&] { foreground(desktop); }), c.message);
-        EXPECT_EQ(desktop.unreleased(), "");
+        EXPECT_EQ(desktop.unreleased(), 0);
     }
 }
 

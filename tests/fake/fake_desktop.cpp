@@ -1,11 +1,10 @@
 #include "fake/fake_desktop.h"
 
+#include <algorithm>
 #include <iomanip>
 #include <sstream>
 
 namespace quorvel::fake {
-
-FakeDesktop::FakeDesktop() = default;
 
 void FakeDesktop::record(std::string call) {
     std::string op = call.substr(0, call.find(' '));
@@ -59,7 +58,7 @@ Element FakeDesktop::handle(ElementId el) const { return std::make_shared<FakeEl
 
 Element FakeDesktop::issue(ElementId el) const {
     auto element = std::make_shared<FakeElement>(el);
-    element->live.track(liveElements_);
+    element->live.track(live_);
     return element;
 }
 
@@ -82,52 +81,29 @@ std::vector<std::string> FakeDesktop::readsOf(ElementId el) const {
     return reads;
 }
 
-void FakeDesktop::beforeForeground(int nth, std::function<void()> hook) {
-    before("isProcessTrusted", nth, std::move(hook));
-}
-
 std::vector<std::string> FakeDesktop::postedLog() const {
     std::vector<std::string> log;
     for (const FakeEvent& e : posted) log.push_back(describe(e));
     return log;
 }
 
-std::string FakeDesktop::unreleased() const {
-    std::string out;
-    auto add = [&out](int n, const char* one, const char* many) {
-        if (n == 0) return;
-        if (!out.empty()) out += ", ";
-        out += std::to_string(n) + " " + (n == 1 ? one : many);
-    };
-    add(*liveElements_, "element", "elements");
-    add(*liveApplications_, "application", "applications");
-    add(*liveImages_, "image", "images");
-    add(*liveEvents_, "event", "events");
-    return out;
-}
-
 std::vector<ElementId> FakeDesktop::addTree(ElementId root, int count, int fanout) {
     std::vector<ElementId> made;
-    made.reserve(static_cast<size_t>(count));
-    std::vector<std::vector<ElementId>> children(static_cast<size_t>(count));
-    std::vector<ElementId> rootChildren;
     for (int i = 0; i < count; ++i) {
-        ElementId el = add({
+        made.push_back(add({
             {"AXRole", std::string("AXStaticText")},
             {"AXTitle", "Item " + std::to_string(i)},
             {"AXPosition", Point{110.0 + i % 700, 60.0 + (i / 700) * 20}},
             {"AXSize", Size{40, 16}},
-        });
-        made.push_back(el);
-        // Element i hangs below the root when i < fanout, else below made[i / fanout - 1].
-        if (i < fanout)
-            rootChildren.push_back(el);
-        else
-            children[static_cast<size_t>(i / fanout - 1)].push_back(el);
+        }));
     }
-    setChildren(root, rootChildren);
-    for (int i = 0; i < count; ++i)
-        if (!children[static_cast<size_t>(i)].empty()) setChildren(made[static_cast<size_t>(i)], children[static_cast<size_t>(i)]);
+    // The root holds elements 0 to fanout - 1, element p the next `fanout`
+    // after those of element p - 1.
+    for (int parent = -1; (parent + 1) * fanout < count; ++parent) {
+        auto first = made.begin() + (parent + 1) * fanout;
+        auto last = made.begin() + std::min(count, (parent + 2) * fanout);
+        setChildren(parent < 0 ? root : made[parent], std::vector<ElementId>(first, last));
+    }
     return made;
 }
 
@@ -151,7 +127,6 @@ std::string describe(const FakeEvent& e) {
             break;
         case FakeEvent::Kind::Mouse:
             s << "mouse " << (e.mouseType == MouseEventType::LeftMouseDown ? "down" : "up");
-            if (e.button != MouseButton::Left) s << " button=" << static_cast<int>(e.button);
             if (e.clickState) s << " click=" << *e.clickState;
             if (e.flags) s << " flags=0x" << std::hex << *e.flags << std::dec;
             s << " at " << e.location.x << "," << e.location.y;
@@ -166,60 +141,24 @@ std::string describe(const FakeEvent& e) {
     return s.str();
 }
 
-void PrintTo(const FakeEvent& e, std::ostream* os) { *os << describe(e); }
-
 ElementId FakeDesktop::idOf(const Element& el) {
     auto* fake = dynamic_cast<const FakeElement*>(el.get());
     if (!fake) throw std::logic_error("not an element of the fake desktop");
     return fake->id;
 }
 
-std::int32_t FakeDesktop::pidOf(const Application& app) {
-    return dynamic_cast<const FakeApplication&>(*app).pid;
-}
-
 ElementId FakeDesktop::applicationElement(std::int32_t pid) {
-    auto it = applicationElements.find(pid);
-    if (it != applicationElements.end()) return it->second;
-    ElementId el = add();
-    applicationElements[pid] = el;
-    return el;
-}
-
-std::string FakeDesktop::accessibilityPermissionMessage() const {
-    return "Grant Accessibility access to Quorvel in macOS System Settings, then retry.";
-}
-
-std::string FakeDesktop::screenCapturePermissionMessage() const {
-    return "Grant Screen Recording access to Quorvel in macOS System Settings, then retry.";
-}
-
-bool FakeDesktop::isProcessTrusted() {
-    record("isProcessTrusted");
-    return trusted;
-}
-
-bool FakeDesktop::preflightScreenCaptureAccess() {
-    record("preflightScreenCaptureAccess");
-    return screenCaptureAllowed;
+    auto [it, made] = applicationElements_.try_emplace(pid, 0);
+    if (made) it->second = add();
+    return it->second;
 }
 
 Application FakeDesktop::frontmostApplication() {
     record("frontmostApplication");
     if (!frontmost) return nullptr;
     auto app = std::make_shared<FakeApplication>(*frontmost);
-    app->live.track(liveApplications_);
+    app->live.track(live_);
     return app;
-}
-
-std::int32_t FakeDesktop::processIdentifier(const Application& app) {
-    record("processIdentifier");
-    return dynamic_cast<const FakeApplication&>(*app).pid;
-}
-
-std::optional<std::string> FakeDesktop::localizedName(const Application& app) {
-    record("localizedName");
-    return dynamic_cast<const FakeApplication&>(*app).name;
 }
 
 Element FakeDesktop::createApplicationElement(std::int32_t pid) {
@@ -266,21 +205,6 @@ AXError FakeDesktop::setAttributeValue(const Element& el, std::string_view attri
     return data.setCode;
 }
 
-bool FakeDesktop::equal(const Element& a, const Element& b) {
-    record("equal");
-    return idOf(a) == idOf(b);
-}
-
-void FakeDesktop::beginTreeScan(const Element& root) {
-    record("beginTreeScan " + std::to_string(idOf(root)));
-    ++scanBrackets;
-}
-
-void FakeDesktop::endTreeScan() {
-    record("endTreeScan");
-    --scanBrackets;
-}
-
 std::optional<std::vector<WindowListEntry>> FakeDesktop::copyWindowInfo(std::uint32_t options,
                                                                         std::uint32_t relative) {
     record("copyWindowInfo " + std::to_string(options) + " " + std::to_string(relative));
@@ -296,7 +220,7 @@ Image FakeDesktop::createWindowImage(const Rect& bounds, std::uint32_t listOptio
     if (!imageBytes) return nullptr;
     auto image = std::make_shared<FakeImage>();
     image->bytes = *imageBytes;
-    image->live.track(liveImages_);
+    image->live.track(live_);
     return image;
 }
 
@@ -314,35 +238,31 @@ std::vector<TextObservation> FakeDesktop::recognizeText(const Image&) {
 
 std::optional<Point> FakeDesktop::pointerLocation() {
     record("pointerLocation");
-    ++eventsCreated;
-    if (failEventCreation.count(eventsCreated)) return std::nullopt;
+    if (eventCreationFails()) return std::nullopt;
     return pointer;
 }
 
 Event FakeDesktop::newEvent(FakeEvent event) {
-    ++eventsCreated;
-    if (failEventCreation.count(eventsCreated)) return nullptr;
+    if (eventCreationFails()) return nullptr;
     auto created = std::make_unique<FakeEvent>(std::move(event));
-    created->live.track(liveEvents_);
+    created->live.track(live_);
     return created;
 }
 
 Event FakeDesktop::createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) {
     record("createKeyboardEvent " + std::to_string(virtualKey) + (keyDown ? " down" : " up"));
     FakeEvent e;
-    e.kind = FakeEvent::Kind::Keyboard;
     e.keyCode = virtualKey;
     e.keyDown = keyDown;
     return newEvent(std::move(e));
 }
 
-Event FakeDesktop::createMouseEvent(MouseEventType type, Point location, MouseButton button) {
+Event FakeDesktop::createMouseEvent(MouseEventType type, Point location, MouseButton) {
     record("createMouseEvent " + std::to_string(static_cast<int>(type)));
     FakeEvent e;
     e.kind = FakeEvent::Kind::Mouse;
     e.mouseType = type;
     e.location = location;
-    e.button = button;
     return newEvent(std::move(e));
 }
 

@@ -11,9 +11,7 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <ostream>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -32,18 +30,15 @@ public:
     LiveToken() = default;
     LiveToken(const LiveToken&) {}
     LiveToken& operator=(const LiveToken&) { return *this; }
-    ~LiveToken() { release(); }
+    ~LiveToken() {
+        if (counter_) --*counter_;
+    }
     void track(std::shared_ptr<int> counter) {
-        release();
         counter_ = std::move(counter);
         ++*counter_;
     }
 
 private:
-    void release() {
-        if (counter_) --*counter_;
-        counter_.reset();
-    }
     std::shared_ptr<int> counter_;
 };
 
@@ -69,12 +64,11 @@ struct FakeEvent final : EventObject {
     enum class Kind { Keyboard, Mouse, Scroll } kind = Kind::Keyboard;
     std::uint16_t keyCode = 0;
     bool keyDown = false;
-    std::optional<EventFlags> flags;   // unset until setFlags
+    std::optional<EventFlags> flags;  // unset until setFlags
     std::u16string unicode;
     bool hasUnicode = false;
     MouseEventType mouseType = MouseEventType::LeftMouseDown;
     Point location;
-    MouseButton button = MouseButton::Left;
     std::optional<std::int64_t> clickState;
     ScrollUnit scrollUnit = ScrollUnit::Pixel;
     std::uint32_t wheelCount = 0;
@@ -87,7 +81,6 @@ struct FakeEvent final : EventObject {
 // "key 0 down text=\"abc\"" (other than printable ASCII as \uXXXX),
 // "scroll pixel wheels=1 delta=2000,0,0".
 std::string describe(const FakeEvent&);
-void PrintTo(const FakeEvent&, std::ostream*);
 
 // One attribute as the fake answers it.
 struct Attribute {
@@ -104,42 +97,31 @@ struct ElementData {
 
 class FakeDesktop final : public Platform {
 public:
-    FakeDesktop();
-
     // --- What the test scripts ------------------------------------------------
-    std::string platformName = "fake";
     bool trusted = true;
     bool screenCaptureAllowed = true;
-
     // The frontmost application; reset() for none.
     std::optional<FakeApplication> frontmost;
-
     std::map<ElementId, ElementData> elements;
-    // AXUIElementCreateApplication(pid) answers this element for the pid
-    // (made on first use when absent).
-    std::map<std::int32_t, ElementId> applicationElements;
-
     // nullopt: the window server gives no list at all.
     std::optional<std::vector<WindowListEntry>> windowList = std::vector<WindowListEntry>{};
-
     // Capture: image bytes (nullopt: no image), and whether the image has data.
     std::optional<std::vector<std::uint8_t>> imageBytes = std::vector<std::uint8_t>{1, 2, 3};
     bool imageHasData = true;
     std::vector<TextObservation> recognized;
     std::optional<std::string> recognizerError;
-
     std::optional<Point> pointer = Point{0, 0};
     // Off: attribute reads are neither logged nor counted and run no hooks
     // (for benchmarks, where the log would cost more than the core).
     bool logCalls = true;
-    // Creation of the Nth event (1-based, counted over all kinds) fails.
+    // Creation of the Nth event (1-based, counted over all kinds, the
+    // pointer read included) fails.
     std::set<int> failEventCreation;
 
     // --- What the fake records ------------------------------------------------
     std::vector<std::string> calls;  // e.g. "copyAttributeValue 3 AXRole", "sleep 0.1"
     std::vector<FakeEvent> posted;
     std::vector<std::pair<ElementId, std::string>> setValues;
-    int eventsCreated = 0;
     int scanBrackets = 0;  // open begin/end pairs; 0 when balanced
 
     // --- Building --------------------------------------------------------------
@@ -149,53 +131,68 @@ public:
     void unset(ElementId, const std::string& attribute);
     void setChildren(ElementId parent, const std::vector<ElementId>& children);
     Element handle(ElementId) const;
+    // The element that AXUIElementCreateApplication(pid) answers, made on
+    // first use.
     ElementId applicationElement(std::int32_t pid);
-
-    // Runs `hook` just before the `nth` (1-based) call of `operation`, the
-    // operation named as in `calls` (its first word).
-    void before(const std::string& operation, int nth, std::function<void()> hook);
-    // How many calls of `operation` were made, and whether `needle` was read.
-    int count(const std::string& operation) const;
-    bool wasRead(ElementId, const std::string& attribute) const;
-    // The attributes read from one element, in order.
-    std::vector<std::string> readsOf(ElementId) const;
-    // Runs `hook` before the `nth` foreground-window resolution, whose first
-    // platform call is the permission check (so every validation counts).
-    void beforeForeground(int nth, std::function<void()> hook);
-    // `posted`, one `describe` line per event.
-    std::vector<std::string> postedLog() const;
-
-    // What a handle of the core refers to.
-    static ElementId idOf(const Element&);
-    static std::int32_t pidOf(const Application&);
-
-    // Platform objects handed to the core and not yet released; "" when
-    // there are none, else e.g. "2 elements, 1 event".
-    std::string unreleased() const;
-
     // Adds `count` elements below `root`, breadth-first, each with at most
     // `fanout` children, and returns them in breadth-first order. Each has
     // role "AXStaticText", title "Item N" and a small frame inside the
     // standard window.
     std::vector<ElementId> addTree(ElementId root, int count, int fanout);
 
+    // Runs `hook` just before the `nth` (1-based) call of `operation`, the
+    // operation named as in `calls` (its first word). The foreground window's
+    // resolution starts with "isProcessTrusted", so that counts validations.
+    void before(const std::string& operation, int nth, std::function<void()> hook);
+
+    // --- Inspecting --------------------------------------------------------------
+    int count(const std::string& operation) const;
+    bool wasRead(ElementId, const std::string& attribute) const;
+    // The attributes read from one element, in order.
+    std::vector<std::string> readsOf(ElementId) const;
+    // `posted`, one `describe` line per event.
+    std::vector<std::string> postedLog() const;
+    // How many platform objects (elements, applications, images, events)
+    // the core was handed and has not released yet.
+    int unreleased() const { return *live_; }
+    static ElementId idOf(const Element&);
+
     // --- Platform --------------------------------------------------------------
-    std::string name() const override { return platformName; }
-    std::string accessibilityPermissionMessage() const override;
-    std::string screenCapturePermissionMessage() const override;
-    bool isProcessTrusted() override;
-    bool preflightScreenCaptureAccess() override;
+    std::string name() const override { return "fake"; }
+    std::string accessibilityPermissionMessage() const override {
+        return "Grant Accessibility access to Quorvel in macOS System Settings, then retry.";
+    }
+    std::string screenCapturePermissionMessage() const override {
+        return "Grant Screen Recording access to Quorvel in macOS System Settings, then retry.";
+    }
+    bool isProcessTrusted() override { record("isProcessTrusted"); return trusted; }
+    bool preflightScreenCaptureAccess() override {
+        record("preflightScreenCaptureAccess");
+        return screenCaptureAllowed;
+    }
     Application frontmostApplication() override;
-    std::int32_t processIdentifier(const Application&) override;
-    std::optional<std::string> localizedName(const Application&) override;
+    std::int32_t processIdentifier(const Application& app) override {
+        record("processIdentifier");
+        return dynamic_cast<const FakeApplication&>(*app).pid;
+    }
+    std::optional<std::string> localizedName(const Application& app) override {
+        record("localizedName");
+        return dynamic_cast<const FakeApplication&>(*app).name;
+    }
     Element createApplicationElement(std::int32_t pid) override;
     void setMessagingTimeout(const Element&, float seconds) override;
     AttributeRead copyAttributeValue(const Element&, std::string_view attribute) override;
     AXError isAttributeSettable(const Element&, std::string_view, bool& settable) override;
     AXError setAttributeValue(const Element&, std::string_view, const std::string&) override;
-    bool equal(const Element&, const Element&) override;
-    void beginTreeScan(const Element&) override;
-    void endTreeScan() override;
+    bool equal(const Element& a, const Element& b) override { record("equal"); return idOf(a) == idOf(b); }
+    void beginTreeScan(const Element& root) override {
+        record("beginTreeScan " + std::to_string(idOf(root)));
+        ++scanBrackets;
+    }
+    void endTreeScan() override {
+        record("endTreeScan");
+        --scanBrackets;
+    }
     std::optional<std::vector<WindowListEntry>> copyWindowInfo(std::uint32_t options,
                                                                std::uint32_t relative) override;
     Image createWindowImage(const Rect&, std::uint32_t listOption, std::uint32_t windowID,
@@ -216,16 +213,16 @@ public:
 private:
     void record(std::string call);
     Event newEvent(FakeEvent event);
+    bool eventCreationFails() { return failEventCreation.count(++eventsCreated_) != 0; }
     // A fresh handle for the core, counted while it lives.
     Element issue(ElementId) const;
     Value issue(const Value&) const;
 
-    std::shared_ptr<int> liveElements_ = std::make_shared<int>(0);
-    std::shared_ptr<int> liveApplications_ = std::make_shared<int>(0);
-    std::shared_ptr<int> liveImages_ = std::make_shared<int>(0);
-    std::shared_ptr<int> liveEvents_ = std::make_shared<int>(0);
+    std::shared_ptr<int> live_ = std::make_shared<int>(0);
 
     ElementId nextId_ = 1;
+    int eventsCreated_ = 0;
+    std::map<std::int32_t, ElementId> applicationElements_;
     std::map<std::string, int> callCounts_;
     std::map<std::pair<std::string, int>, std::vector<std::function<void()>>> hooks_;
 };
