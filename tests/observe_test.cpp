@@ -68,11 +68,6 @@ TEST(Observe, FocusedElementFillsTheContext) {
                                              {"AXValue", std::string("hunter2")}}));
                   },
                   "AXTextField", "", "Fake Editor"},
-             Case{"slider",
-                  [](StandardScene& s) {
-                      s.focus(s.desktop.add({{"AXRole", std::string("AXSlider")}, {"AXValue", 0.5}}));
-                  },
-                  "AXSlider", "", "Fake Editor"},
          }) {
         FakeDesktop desktop;
         StandardScene scene(desktop);

@@ -16,7 +16,8 @@ using fake::StandardScene;
 using testing::failureOf;
 using testing::kNoFailure;
 
-constexpr std::int64_t kPid = StandardScene::kPid;
+using I = std::int64_t;
+constexpr I kPid = StandardScene::kPid;
 constexpr Rect kFrame = StandardScene::kFrame;
 
 Rect shifted(double dx, double dy, double dw, double dh) {
@@ -29,7 +30,6 @@ std::function<void(StandardScene&)> listOf(std::vector<WindowListEntry> entries)
 }
 
 TEST(Foreground, RefusesAWindowItCannotMeasureOrMatchExactlyOnce) {
-    using I = std::int64_t;
     struct Case {
         const char* name;
         std::function<void(StandardScene&)> arrange;
@@ -112,7 +112,6 @@ TEST(Foreground, ToleranceIsStrictlyBelowTwoPointsPerEdgeAndSize) {
 }
 
 TEST(Foreground, MatchesTheOneEntryOfTheApplicationOnLayerZero) {
-    using I = std::int64_t;
     FakeDesktop desktop;
     StandardScene scene(desktop);
     listOf({
