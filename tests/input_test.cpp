@@ -147,6 +147,9 @@ TEST(Type, GuardsRefuseBeforeAnythingIsPosted) {
         c.arrange(e);
         EXPECT_EQ(typeInto(e, "!", false, c.expected), c.outcome);
         EXPECT_EQ(e.desktop.postedLog(), c.outcome == kNoFailure ? typed("!") : Events{});
+        // The platform hears of the text only once it is going to be typed.
+        EXPECT_EQ(e.desktop.prepared,
+                  c.outcome == kNoFailure ? std::vector<std::string>{"0 !"} : std::vector<std::string>{});
     }
 }
 
@@ -158,14 +161,18 @@ TEST(Type, ReplaceSetsTheValueWhenItCanElseSelectsAllAndTypes) {
         std::string text;
         Events posted;
         std::vector<std::pair<ElementId, std::string>> set;
+        std::vector<std::string> prepared;  // the whole text, after select-all
     };
     const ElementId field = FormScene().editor;
     for (const Case& c : {
-             Case{"settable", kAXErrorSuccess, true, "new", {}, {{field, "new"}}},
-             Case{"settable_and_empty", kAXErrorSuccess, true, "", {}, {{field, ""}}},
-             Case{"not_settable", kAXErrorSuccess, false, "new", testing::kSelectAll + typed("new"), {}},
-             Case{"query_fails", kAXErrorFailure, true, "new", testing::kSelectAll + typed("new"), {}},
-             Case{"not_settable_and_empty", kAXErrorSuccess, false, "", testing::kSelectAll, {}},
+             Case{"settable", kAXErrorSuccess, true, "new", {}, {{field, "new"}}, {}},
+             Case{"settable_and_empty", kAXErrorSuccess, true, "", {}, {{field, ""}}, {}},
+             Case{"not_settable", kAXErrorSuccess, false, "new", testing::kSelectAll + typed("new"), {},
+                  {"2 new"}},
+             Case{"query_fails", kAXErrorFailure, true, "new", testing::kSelectAll + typed("new"), {},
+                  {"2 new"}},
+             Case{"not_settable_and_empty", kAXErrorSuccess, false, "", testing::kSelectAll, {},
+                  {"2 "}},
          }) {
         SCOPED_TRACE(c.name);
         FormScene e;
@@ -174,6 +181,7 @@ TEST(Type, ReplaceSetsTheValueWhenItCanElseSelectsAllAndTypes) {
         EXPECT_EQ(typeInto(e, c.text, true), kNoFailure);
         EXPECT_EQ(e.desktop.postedLog(), c.posted);
         EXPECT_EQ(e.desktop.setValues, c.set);
+        EXPECT_EQ(e.desktop.prepared, c.prepared);
     }
 }
 

@@ -122,6 +122,9 @@ public:
     std::vector<std::string> calls;  // e.g. "copyAttributeValue 3 AXRole", "sleep 0.1"
     std::vector<FakeEvent> posted;
     std::vector<std::pair<ElementId, std::string>> setValues;
+    // Each text announced before typing, after the number of events posted
+    // by then: "0 hello".
+    std::vector<std::string> prepared;
     int scanBrackets = 0;  // open begin/end pairs; 0 when balanced
 
     // --- Building --------------------------------------------------------------
@@ -208,6 +211,9 @@ public:
     void setUnicodeString(EventObject&, std::span<const char16_t>) override;
     void setIntegerValueField(EventObject&, EventField, std::int64_t) override;
     void post(EventTap, EventObject&) override;
+    void prepareText(std::string_view text) override {
+        prepared.push_back(std::to_string(posted.size()) + " " + std::string(text));
+    }
     void sleep(double seconds) override;
 
 private:
