@@ -7,8 +7,6 @@
  * click the window received, and a long scrollable list that gives the window
  * well over 1500 accessible elements.
  *
- * Usage: quorvel-fixture [--title TEXT]
- *
  * It prints "ready" on standard output once its window is active, then takes
  * one command per line on standard input and answers each with "ok" once it
  * has been applied (the window manager may still be catching up with moves):
@@ -20,9 +18,9 @@
  *   iconify           iconify every window, so none is in front
  *   present           bring the main window back to the front
  *   label TEXT        set the status label
- *   entry TEXT | password TEXT | notes TEXT | plain TEXT
+ *   entry TEXT | password TEXT | notes TEXT
  *                     set the contents of that editor
- *   focus NAME        focus entry, password, notes, plain, increment or list
+ *   focus NAME        focus entry, password, notes or plain (else Increment)
  *   freeze SECONDS    stop answering anything (accessibility included)
  *   no-ping           stop offering the window manager's ping (_NET_WM_PING),
  *                     like an application that never answers it
@@ -41,7 +39,7 @@
 
 static GtkWidget *main_window, *second_window;
 static GtkWidget *entry, *password, *notes, *plain, *increment;
-static GtkWidget *status_label, *key_label, *click_label, *scroll_label, *list;
+static GtkWidget *status_label, *key_label, *click_label, *scroll_label;
 static int count;
 static gboolean announced;
 
@@ -49,8 +47,8 @@ static gboolean announced;
  * It exposes the Text interface and the EDITABLE state but no EditableText,
  * so its value is not settable and replacing its text has to go through a
  * select-all key press followed by typing. It takes keys itself: Ctrl+A
- * selects everything, BackSpace deletes, any other character is inserted
- * (replacing the selection). */
+ * selects everything, any other character is inserted (replacing the
+ * selection). */
 
 typedef struct {
     GtkDrawingArea parent;
@@ -72,28 +70,22 @@ static GType plain_editor_get_type(void);
 static GType plain_editor_accessible_get_type(void);
 #define PLAIN_EDITOR(o) (G_TYPE_CHECK_INSTANCE_CAST((o), plain_editor_get_type(), PlainEditor))
 
-static PlainEditor *accessible_editor(AtkText *text) {
+static const char *accessible_text(AtkText *text) {
     GtkWidget *widget = gtk_accessible_get_widget(GTK_ACCESSIBLE(text));
-    return widget ? PLAIN_EDITOR(widget) : NULL;
-}
-
-static gchar *plain_get_text(AtkText *text, gint start, gint end) {
-    PlainEditor *editor = accessible_editor(text);
-    if (!editor) return NULL;
-    glong length = g_utf8_strlen(editor->text->str, -1);
-    if (end < 0 || end > length) end = (gint)length;
-    if (start < 0) start = 0;
-    if (start > end) start = end;
-    const gchar *from = g_utf8_offset_to_pointer(editor->text->str, start);
-    const gchar *to = g_utf8_offset_to_pointer(editor->text->str, end);
-    return g_strndup(from, (gsize)(to - from));
+    return widget ? PLAIN_EDITOR(widget)->text->str : "";
 }
 
 static gint plain_get_character_count(AtkText *text) {
-    PlainEditor *editor = accessible_editor(text);
-    return editor ? (gint)g_utf8_strlen(editor->text->str, -1) : 0;
+    return (gint)g_utf8_strlen(accessible_text(text), -1);
 }
 
+static gchar *plain_get_text(AtkText *text, gint start, gint end) {
+    gint length = plain_get_character_count(text);
+    if (end < 0 || end > length) end = length;
+    return g_utf8_substring(accessible_text(text), CLAMP(start, 0, end), end);
+}
+
+/* Typing always appends, so the caret is at the end. */
 static gint plain_get_caret_offset(AtkText *text) { return plain_get_character_count(text); }
 
 static void plain_text_iface_init(AtkTextIface *iface) {
@@ -128,35 +120,20 @@ static void plain_editor_accessible_init(PlainEditorAccessible *self) { (void)se
 
 G_DEFINE_TYPE(PlainEditor, plain_editor, GTK_TYPE_DRAWING_AREA)
 
+/* Black text in a white box, framed more thickly while it has the focus. */
 static gboolean plain_draw(GtkWidget *widget, cairo_t *cr) {
-    PlainEditor *editor = PLAIN_EDITOR(widget);
-    int width = gtk_widget_get_allocated_width(widget);
-    int height = gtk_widget_get_allocated_height(widget);
     cairo_set_source_rgb(cr, 1, 1, 1);
     cairo_paint(cr);
-    cairo_set_source_rgb(cr, 0.5, 0.5, 0.5);
-    cairo_set_line_width(cr, gtk_widget_has_focus(widget) ? 3 : 1);
-    cairo_rectangle(cr, 0.5, 0.5, width - 1, height - 1);
-    cairo_stroke(cr);
-    PangoLayout *layout = gtk_widget_create_pango_layout(widget, editor->text->str);
-    int text_width, text_height;
-    pango_layout_get_pixel_size(layout, &text_width, &text_height);
-    if (editor->all_selected && editor->text->len) {
-        cairo_set_source_rgb(cr, 0.6, 0.75, 1);
-        cairo_rectangle(cr, 6, (height - text_height) / 2.0, text_width, text_height);
-        cairo_fill(cr);
-    }
     cairo_set_source_rgb(cr, 0, 0, 0);
-    cairo_move_to(cr, 6, (height - text_height) / 2.0);
+    cairo_set_line_width(cr, gtk_widget_has_focus(widget) ? 3 : 1);
+    cairo_rectangle(cr, 0.5, 0.5, gtk_widget_get_allocated_width(widget) - 1,
+                    gtk_widget_get_allocated_height(widget) - 1);
+    cairo_stroke(cr);
+    PangoLayout *layout = gtk_widget_create_pango_layout(widget, PLAIN_EDITOR(widget)->text->str);
+    cairo_move_to(cr, 6, 8);
     pango_cairo_show_layout(cr, layout);
     g_object_unref(layout);
     return TRUE;
-}
-
-static void plain_set_text(PlainEditor *editor, const char *text) {
-    g_string_assign(editor->text, text);
-    editor->all_selected = FALSE;
-    gtk_widget_queue_draw(GTK_WIDGET(editor));
 }
 
 static gboolean plain_key_press(GtkWidget *widget, GdkEventKey *event) {
@@ -164,15 +141,6 @@ static gboolean plain_key_press(GtkWidget *widget, GdkEventKey *event) {
     GdkModifierType mods = event->state & gtk_accelerator_get_default_mod_mask();
     if (mods == GDK_CONTROL_MASK && (event->keyval == GDK_KEY_a || event->keyval == GDK_KEY_A)) {
         editor->all_selected = TRUE;
-    } else if (event->keyval == GDK_KEY_BackSpace) {
-        if (editor->all_selected) {
-            g_string_truncate(editor->text, 0);
-        } else if (editor->text->len) {
-            const char *last = g_utf8_find_prev_char(editor->text->str,
-                                                     editor->text->str + editor->text->len);
-            g_string_truncate(editor->text, (gsize)(last - editor->text->str));
-        }
-        editor->all_selected = FALSE;
     } else {
         gunichar c = gdk_keyval_to_unicode(event->keyval);
         if (!c || (mods & (GDK_CONTROL_MASK | GDK_MOD1_MASK)) || g_unichar_iscntrl(c))
@@ -191,17 +159,11 @@ static gboolean plain_button_press(GtkWidget *widget, GdkEventButton *event) {
     return TRUE;
 }
 
-static void plain_finalize(GObject *object) {
-    g_string_free(PLAIN_EDITOR(object)->text, TRUE);
-    G_OBJECT_CLASS(plain_editor_parent_class)->finalize(object);
-}
-
 static void plain_editor_class_init(PlainEditorClass *klass) {
     GtkWidgetClass *widget_class = GTK_WIDGET_CLASS(klass);
     widget_class->draw = plain_draw;
     widget_class->key_press_event = plain_key_press;
     widget_class->button_press_event = plain_button_press;
-    G_OBJECT_CLASS(klass)->finalize = plain_finalize;
     gtk_widget_class_set_accessible_type(widget_class, plain_editor_accessible_get_type());
 }
 
@@ -218,22 +180,13 @@ static void name_widget(GtkWidget *widget, const char *name) {
     atk_object_set_name(gtk_widget_get_accessible(widget), name);
 }
 
-static void show_count(void) {
+/* Increment adds one, Reset (whose data is non-null) starts again. */
+static void on_count(GtkButton *button, gpointer reset) {
+    (void)button;
+    count = reset ? 0 : count + 1;
     char text[64];
     snprintf(text, sizeof text, "Count: %d", count);
     gtk_label_set_text(GTK_LABEL(status_label), text);
-}
-
-static void on_increment(GtkButton *button, gpointer data) {
-    (void)button, (void)data;
-    count++;
-    show_count();
-}
-
-static void on_reset(GtkButton *button, gpointer data) {
-    (void)button, (void)data;
-    count = 0;
-    show_count();
 }
 
 /* Reports the last key the window received, with its modifiers, before any
@@ -241,16 +194,13 @@ static void on_reset(GtkButton *button, gpointer data) {
 static gboolean on_key_press(GtkWidget *widget, GdkEventKey *event, gpointer data) {
     (void)widget, (void)data;
     if (event->is_modifier) return FALSE;
-    GString *text = g_string_new("Last key: ");
     GdkModifierType mods = event->state & gtk_accelerator_get_default_mod_mask();
-    if (mods & GDK_CONTROL_MASK) g_string_append(text, "Ctrl+");
-    if (mods & GDK_MOD1_MASK) g_string_append(text, "Alt+");
-    if (mods & GDK_SUPER_MASK) g_string_append(text, "Super+");
-    guint keyval = event->keyval == GDK_KEY_ISO_Left_Tab ? GDK_KEY_Tab : event->keyval;
-    const char *name = gdk_keyval_name(keyval);
-    g_string_append(text, name ? name : "unknown");
-    gtk_label_set_text(GTK_LABEL(key_label), text->str);
-    g_string_free(text, TRUE);
+    const char *name =
+        gdk_keyval_name(event->keyval == GDK_KEY_ISO_Left_Tab ? GDK_KEY_Tab : event->keyval);
+    char text[96];
+    snprintf(text, sizeof text, "Last key: %s%s%s", mods & GDK_CONTROL_MASK ? "Ctrl+" : "",
+             mods & GDK_MOD1_MASK ? "Alt+" : "", name ? name : "unknown");
+    gtk_label_set_text(GTK_LABEL(key_label), text);
     return FALSE;
 }
 
@@ -258,13 +208,9 @@ static gboolean on_key_press(GtkWidget *widget, GdkEventKey *event, gpointer dat
  * time arrives as a 2BUTTON_PRESS. */
 static gboolean on_click_area(GtkWidget *widget, GdkEventButton *event, gpointer data) {
     (void)widget, (void)data;
-    const char *kind = event->type == GDK_2BUTTON_PRESS   ? "double"
-                       : event->type == GDK_3BUTTON_PRESS ? "triple"
-                                                          : "single";
-    char text[96];
-    snprintf(text, sizeof text, "Last click: %s at %.0f,%.0f", kind, event->x_root,
-             event->y_root);
-    gtk_label_set_text(GTK_LABEL(click_label), text);
+    gtk_label_set_text(GTK_LABEL(click_label), event->type == GDK_2BUTTON_PRESS
+                                                   ? "Last click: double"
+                                                   : "Last click: single");
     return FALSE;
 }
 
@@ -275,10 +221,11 @@ static void on_scrolled(GtkAdjustment *adjustment, gpointer data) {
     gtk_label_set_text(GTK_LABEL(scroll_label), text);
 }
 
-static gboolean announce_ready(gpointer data) {
-    (void)data;
+/* Prints `word` once the X server has seen what was done before, so that
+ * the caller who reads it finds the change in place. */
+static gboolean say(gpointer word) {
     gdk_display_sync(gdk_display_get_default());
-    printf("ready\n");
+    printf("%s\n", (const char *)word);
     fflush(stdout);
     return G_SOURCE_REMOVE;
 }
@@ -292,10 +239,13 @@ static void on_active(GObject *object, GParamSpec *pspec, gpointer data) {
     gtk_editable_select_region(GTK_EDITABLE(entry), 0, 0);
     /* The window manager may still be placing and framing the window when
      * it first becomes active; give it a moment to settle. */
-    g_timeout_add(250, announce_ready, NULL);
+    g_timeout_add(250, say, "ready");
 }
 
-static GtkWidget *labelled_row(GtkWidget *box, const char *caption, GtkWidget *widget) {
+/* A row of `box`: the caption, then `widget`; `named` (the widget or what it
+ * holds) takes the caption as its accessible name. */
+static void labelled_row(GtkWidget *box, const char *caption, GtkWidget *named, GtkWidget *widget) {
+    name_widget(named, caption);
     GtkWidget *row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
     GtkWidget *label = gtk_label_new(caption);
     gtk_widget_set_size_request(label, 110, -1);
@@ -303,12 +253,11 @@ static GtkWidget *labelled_row(GtkWidget *box, const char *caption, GtkWidget *w
     gtk_box_pack_start(GTK_BOX(row), label, FALSE, FALSE, 0);
     gtk_box_pack_start(GTK_BOX(row), widget, TRUE, TRUE, 0);
     gtk_box_pack_start(GTK_BOX(box), row, FALSE, FALSE, 0);
-    return row;
 }
 
-static void build_main_window(const char *title) {
+static void build_main_window(void) {
     main_window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-    gtk_window_set_title(GTK_WINDOW(main_window), title);
+    gtk_window_set_title(GTK_WINDOW(main_window), "Quorvel Fixture");
     gtk_window_set_default_size(GTK_WINDOW(main_window), 1280, 800);
     gtk_window_move(GTK_WINDOW(main_window), 40, 40);
     g_signal_connect(main_window, "destroy", G_CALLBACK(gtk_main_quit), NULL);
@@ -331,24 +280,20 @@ static void build_main_window(const char *title) {
 
     entry = gtk_entry_new();
     gtk_entry_set_text(GTK_ENTRY(entry), "Ada Lovelace");
-    name_widget(entry, "Name");
-    labelled_row(left, "Name", entry);
+    labelled_row(left, "Name", entry, entry);
 
     password = gtk_entry_new();
     gtk_entry_set_visibility(GTK_ENTRY(password), FALSE);
     gtk_entry_set_input_purpose(GTK_ENTRY(password), GTK_INPUT_PURPOSE_PASSWORD);
-    name_widget(password, "Password");
-    labelled_row(left, "Password", password);
+    labelled_row(left, "Password", password, password);
 
     plain = g_object_new(plain_editor_get_type(), NULL);
-    plain_set_text(PLAIN_EDITOR(plain), "plain text");
-    name_widget(plain, "Plain editor");
-    labelled_row(left, "Plain editor", plain);
+    g_string_assign(PLAIN_EDITOR(plain)->text, "plain text");
+    labelled_row(left, "Plain editor", plain, plain);
 
     notes = gtk_text_view_new();
     gtk_text_buffer_set_text(gtk_text_view_get_buffer(GTK_TEXT_VIEW(notes)),
                              "First line\nSecond line", -1);
-    name_widget(notes, "Notes");
     /* Scrolled and wrapped, so that typing many lines never grows the
      * window, which would change its scope in the middle of the typing. */
     GtkWidget *notes_frame = gtk_scrolled_window_new(NULL, NULL);
@@ -356,13 +301,13 @@ static void build_main_window(const char *title) {
     gtk_text_view_set_wrap_mode(GTK_TEXT_VIEW(notes), GTK_WRAP_WORD_CHAR);
     gtk_widget_set_size_request(notes_frame, -1, 120);
     gtk_container_add(GTK_CONTAINER(notes_frame), notes);
-    labelled_row(left, "Notes", notes_frame);
+    labelled_row(left, "Notes", notes, notes_frame);
 
     GtkWidget *buttons = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
     increment = gtk_button_new_with_label("Increment");
     GtkWidget *reset = gtk_button_new_with_label("Reset");
-    g_signal_connect(increment, "clicked", G_CALLBACK(on_increment), NULL);
-    g_signal_connect(reset, "clicked", G_CALLBACK(on_reset), NULL);
+    g_signal_connect(increment, "clicked", G_CALLBACK(on_count), NULL);
+    g_signal_connect(reset, "clicked", G_CALLBACK(on_count), reset);
     gtk_box_pack_start(GTK_BOX(buttons), increment, FALSE, FALSE, 0);
     gtk_box_pack_start(GTK_BOX(buttons), reset, FALSE, FALSE, 0);
     gtk_box_pack_start(GTK_BOX(left), buttons, FALSE, FALSE, 0);
@@ -392,7 +337,7 @@ static void build_main_window(const char *title) {
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroller), GTK_POLICY_NEVER,
                                    GTK_POLICY_ALWAYS);
     gtk_box_pack_start(GTK_BOX(columns), scroller, TRUE, TRUE, 0);
-    list = gtk_list_box_new();
+    GtkWidget *list = gtk_list_box_new();
     name_widget(list, "Rows");
     for (int i = 1; i <= LIST_ROWS; i++) {
         char text[32];
@@ -426,15 +371,6 @@ static void open_second_window(void) {
     gtk_window_present(GTK_WINDOW(second_window));
 }
 
-static gboolean answer_ok(gpointer data) {
-    (void)data;
-    /* Let the X server see the change before the caller looks at it. */
-    gdk_display_sync(gdk_display_get_default());
-    printf("ok\n");
-    fflush(stdout);
-    return G_SOURCE_REMOVE;
-}
-
 static gboolean run_command(char *line) {
     char *argument = strchr(line, ' ');
     if (argument) *argument++ = '\0';
@@ -465,19 +401,15 @@ static gboolean run_command(char *line) {
         gtk_entry_set_text(GTK_ENTRY(password), argument);
     } else if (!strcmp(line, "notes")) {
         gtk_text_buffer_set_text(gtk_text_view_get_buffer(GTK_TEXT_VIEW(notes)), argument, -1);
-    } else if (!strcmp(line, "plain")) {
-        plain_set_text(PLAIN_EDITOR(plain), argument);
     } else if (!strcmp(line, "focus")) {
         GtkWidget *target = !strcmp(argument, "entry")      ? entry
                             : !strcmp(argument, "password") ? password
                             : !strcmp(argument, "notes")    ? notes
                             : !strcmp(argument, "plain")    ? plain
-                            : !strcmp(argument, "list")     ? list
                                                             : increment;
         gtk_widget_grab_focus(target);
     } else if (!strcmp(line, "freeze")) {
-        printf("ok\n");
-        fflush(stdout);
+        say("ok");
         g_usleep((gulong)(atof(argument) * G_USEC_PER_SEC));
         return TRUE;
     } else if (!strcmp(line, "no-ping")) {
@@ -489,14 +421,13 @@ static gboolean run_command(char *line) {
     } else if (!strcmp(line, "quit")) {
         gtk_main_quit();
     } else {
-        printf("unknown command\n");
-        fflush(stdout);
+        say("unknown command");
         return TRUE;
     }
     /* Answer once the change is complete: GTK finishes some of it in idle
      * callbacks (the accessible focus follows the widget focus from one,
      * painting happens in another), so the answer waits behind them. */
-    g_idle_add_full(G_PRIORITY_LOW, answer_ok, NULL, NULL);
+    g_idle_add_full(G_PRIORITY_LOW, say, "ok", NULL);
     return TRUE;
 }
 
@@ -520,10 +451,7 @@ static gboolean on_input(GIOChannel *channel, GIOCondition condition, gpointer d
 }
 
 int main(int argc, char **argv) {
-    const char *title = "Quorvel Fixture";
     gtk_init(&argc, &argv);
-    for (int i = 1; i + 1 < argc; i++)
-        if (!strcmp(argv[i], "--title")) title = argv[++i];
     g_set_application_name("Quorvel Fixture");
 
     /* A still window hashes the same every time: no blinking caret, no
@@ -531,7 +459,7 @@ int main(int argc, char **argv) {
     g_object_set(gtk_settings_get_default(), "gtk-cursor-blink", FALSE, "gtk-enable-animations",
                  FALSE, NULL);
 
-    build_main_window(title);
+    build_main_window();
     GIOChannel *input = g_io_channel_unix_new(0);
     g_io_add_watch(input, G_IO_IN | G_IO_PRI | G_IO_HUP | G_IO_ERR, on_input, NULL);
     gtk_main();
