@@ -36,34 +36,42 @@ Display* display() {
 
 }  // namespace
 
-Fixture::Fixture(std::vector<std::string> arguments) {
-    int in[2], out[2];
-    if (pipe(in) || pipe(out)) throw std::runtime_error("pipe");
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork");
-    if (pid_ == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        int quiet = open("/dev/null", O_WRONLY);
+pid_t spawn(const std::vector<std::string>& argv, int in, int out) {
+    pid_t pid = fork();
+    if (pid < 0) throw std::runtime_error("fork");
+    if (pid == 0) {
+        int quiet = open("/dev/null", O_RDWR);
+        dup2(in >= 0 ? in : quiet, 0);
+        dup2(out >= 0 ? out : quiet, 1);
         dup2(quiet, 2);
-        for (int fd : {in[0], in[1], out[0], out[1], quiet}) close(fd);
-        std::vector<char*> argv{const_cast<char*>(QUORVEL_FIXTURE_BINARY)};
-        for (std::string& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
+        // The child must not hold the other ends of our pipes: the fixture
+        // and the bridge only see the end of their input once we close it.
+        closefrom(3);
+        std::vector<char*> arguments;
+        for (const std::string& argument : argv)
+            arguments.push_back(const_cast<char*>(argument.c_str()));
+        arguments.push_back(nullptr);
+        execvp(arguments[0], arguments.data());
         _exit(127);
     }
+    return pid;
+}
+
+Fixture::Fixture() {
+    int in[2], out[2];
+    if (pipe(in) || pipe(out)) throw std::runtime_error("pipe");
+    pid_ = spawn({QUORVEL_FIXTURE_BINARY}, in[0], out[1]);
     close(in[0]);
     close(out[1]);
     in_ = in[1];
     out_ = out[0];
     signal(SIGPIPE, SIG_IGN);
-    if (readLine(std::chrono::seconds(30)) != "ready") throw std::runtime_error("fixture not ready");
+    if (readLine() != "ready") throw std::runtime_error("fixture not ready");
 }
 
 Fixture::~Fixture() {
-    if (in_ >= 0) close(in_);  // end of input quits the fixture
-    if (out_ >= 0) close(out_);
+    close(in_);  // end of input quits the fixture
+    close(out_);
     for (int i = 0; i < 50; ++i) {
         if (waitpid(pid_, nullptr, WNOHANG) == pid_) return;
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -72,8 +80,8 @@ Fixture::~Fixture() {
     waitpid(pid_, nullptr, 0);
 }
 
-std::string Fixture::readLine(std::chrono::seconds limit) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
+std::string Fixture::readLine() {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     for (;;) {
         if (size_t end = buffered_.find('\n'); end != std::string::npos) {
             std::string line = buffered_.substr(0, end);
@@ -96,59 +104,52 @@ void Fixture::command(const std::string& line) {
     std::string text = line + "\n";
     if (write(in_, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         throw std::runtime_error("fixture gone");
-    std::string answer = readLine(std::chrono::seconds(30));
+    std::string answer = readLine();
     if (answer != "ok") throw std::runtime_error("fixture refused " + line + ": " + answer);
 }
 
 Reply bridge(const Json& request) {
     testing::ProcessResult result = testing::runBridge(request.dump(), sessionEnvironment());
-    Reply reply;
-    reply.raw = result.out;
-    reply.status = result.status;
-    reply.json = Json::parse(result.out, nullptr, false);
-    return reply;
+    return {result.out, Json::parse(result.out, nullptr, false), result.status};
 }
 
-Running startBridge(const Json& request) {
+pid_t startBridge(const Json& request) {
     int in[2];
     if (pipe(in)) throw std::runtime_error("pipe");
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(in[0], 0);
-        int quiet = open("/dev/null", O_WRONLY);
-        dup2(quiet, 1);
-        dup2(quiet, 2);
-        close(in[0]);
-        close(in[1]);
-        close(quiet);
-        execl(QUORVEL_BRIDGE_BINARY, QUORVEL_BRIDGE_BINARY, static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    pid_t pid = spawn({QUORVEL_BRIDGE_BINARY}, in[0]);
     close(in[0]);
     std::string text = request.dump();
     if (write(in[1], text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         throw std::runtime_error("bridge gone");
     close(in[1]);
-    return {pid, -1};
-}
-
-int finish(Running running) {
-    int status = 0;
-    waitpid(running.pid, &status, 0);
-    return status;
+    return pid;
 }
 
 Json observe(const std::string& operation) {
-    Reply reply = bridge({{"version", 1}, {"operation", operation}});
+    Reply reply = bridge(request(operation));
     EXPECT_TRUE(reply.ok()) << reply.raw;
     return reply.ok() ? reply.json["result"] : Json::object();
 }
 
-Reply actReply(const Json& scope, const Json& action) {
-    return bridge({{"version", 1}, {"operation", "act"}, {"scope", scope}, {"action", action}});
+Json act(const Json& scope, const Json& action) {
+    return bridge(actRequest(scope, action)).json;
 }
 
-Json act(const Json& scope, const Json& action) { return actReply(scope, action).json; }
+Reply askUntil(const Json& request, const std::function<bool(const Reply&)>& accept,
+               std::chrono::milliseconds limit) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        Reply reply = bridge(request);
+        if (accept(reply) || std::chrono::steady_clock::now() > deadline) return reply;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+}
+
+Json observeUntil(const std::function<bool(const Json&)>& accept, std::chrono::milliseconds limit) {
+    auto accepted = [&](const Reply& r) { return r.ok() && accept(r.json["result"]); };
+    Reply reply = askUntil(request("context"), accepted, limit);
+    return reply.ok() ? reply.json["result"] : Json::object();
+}
 
 Json node(const Json& observation, const std::string& name, const std::vector<std::string>& roles) {
     for (const Json& record : observation.value("nodes", Json::array())) {
@@ -171,17 +172,6 @@ double centerX(const Json& record) {
 }
 double centerY(const Json& record) {
     return record["bounds"]["y"].get<double>() + record["bounds"]["height"].get<double>() / 2;
-}
-
-Json observeUntil(const std::function<bool(const Json&)>& accept, std::chrono::milliseconds limit) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        Reply reply = bridge({{"version", 1}, {"operation", "context"}});
-        Json result = reply.ok() ? reply.json["result"] : Json::object();
-        if ((reply.ok() && accept(result)) || std::chrono::steady_clock::now() > deadline)
-            return result;
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    }
 }
 
 void movePointer(int x, int y) {
@@ -213,7 +203,7 @@ std::vector<unsigned long> keyboardMapping() {
 
 std::string mixedText(size_t length, size_t lineLength, unsigned seed) {
     // Words of ASCII, and single characters of the other scripts.
-    static const char* const kPieces[] = {
+    static const std::string kPieces[] = {
         "the ", "quick ", "brown ", "fox ", "jumps ", "over ", "lazy ", "dogs ", "and ", "cats ",
         "é", "è", "ç", "ñ", "ö", "ü", "ß", "å", "Ø", "É",
         "α", "β", "γ", "δ", "λ", "μ", "π", "σ", "Ω", "Φ",
@@ -223,27 +213,19 @@ std::string mixedText(size_t length, size_t lineLength, unsigned seed) {
     std::mt19937 random(seed);
     std::uniform_int_distribution<size_t> pick(0, std::size(kPieces) - 1);
     std::string text;
-    size_t count = 0, column = 0;
-    auto add = [&](const std::string& scalar) {
-        text += scalar;
-        ++count;
-    };
+    size_t count = 0, column = 0;  // scalar values so far, and on this line
     while (count < length) {
-        std::string piece = kPieces[pick(random)];
-        bool ascii = static_cast<unsigned char>(piece[0]) < 0x80;
-        std::vector<std::string> scalars;
-        if (ascii) {
-            for (char c : piece) scalars.emplace_back(1, c);
-        } else {
-            scalars.push_back(piece);
-        }
-        for (const std::string& scalar : scalars) {
-            if (count < length && column == lineLength) {
-                add("\n");
+        const std::string& piece = kPieces[pick(random)];
+        for (size_t at = 0; at < piece.size() && count < length; ++count) {
+            if (column == lineLength) {
+                text += '\n';
                 column = 0;
+                continue;
             }
-            if (count == length) break;
-            add(scalar);
+            size_t size = 1;  // the scalar's lead byte and its continuation bytes
+            while (at + size < piece.size() && (piece[at + size] & 0xC0) == 0x80) ++size;
+            text.append(piece, at, size);
+            at += size;
             ++column;
         }
     }

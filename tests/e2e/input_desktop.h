@@ -1,6 +1,6 @@
-// What the end-to-end input tests drive: the fixture window, the bridge as a
-// child process, and a few direct looks at the X server (the pointer, the
-// keyboard mapping). Runs inside a virtual desktop (scripts/desktop).
+// What the end-to-end tests drive: the fixture window, the bridge as a child
+// process, and a few direct looks at the X server (the pointer, the keyboard
+// mapping). Runs inside a virtual desktop (scripts/desktop).
 #pragma once
 
 #include <sys/types.h>
@@ -8,7 +8,6 @@
 #include <chrono>
 #include <functional>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,10 +16,25 @@ namespace quorvel::e2e {
 
 using Json = nlohmann::json;
 
+constexpr char kWindowChanged[] =
+    "The foreground window changed. Observe again before sending input.";
+
+// A request with no more than its operation.
+inline Json request(const std::string& operation) {
+    return {{"version", 1}, {"operation", operation}};
+}
+inline Json actRequest(const Json& scope, const Json& action) {
+    return {{"version", 1}, {"operation", "act"}, {"scope", scope}, {"action", action}};
+}
+
+// Starts `argv` (looked up on PATH) with standard input from `in` and output
+// to `out`, the null device where one is -1; standard error is discarded.
+pid_t spawn(const std::vector<std::string>& argv, int in = -1, int out = -1);
+
 // The GTK fixture, started with its command pipe (see fixture.c).
 class Fixture {
 public:
-    explicit Fixture(std::vector<std::string> arguments = {});
+    Fixture();
     ~Fixture();
     Fixture(const Fixture&) = delete;
     Fixture& operator=(const Fixture&) = delete;
@@ -28,7 +42,7 @@ public:
     void command(const std::string& line);
 
 private:
-    std::string readLine(std::chrono::seconds limit);
+    std::string readLine();
     pid_t pid_ = -1;
     int in_ = -1;
     int out_ = -1;
@@ -45,17 +59,19 @@ struct Reply {
 
 // One bridge run with `request` on its standard input, in this session.
 Reply bridge(const Json& request);
-// The bridge started in the background; `finish` waits for it.
-struct Running {
-    pid_t pid;
-    int in;
-};
-Running startBridge(const Json& request);
-int finish(Running running);  // the raw wait status
+// The bridge started in the background with `request`; the caller waits for it.
+pid_t startBridge(const Json& request);
 
 Json observe(const std::string& operation = "context");  // the result; fails the test if refused
 Json act(const Json& scope, const Json& action);           // the whole envelope
-Reply actReply(const Json& scope, const Json& action);
+
+// Asks `request` until `accept` holds for the reply, at most `limit` long;
+// returns the last reply.
+Reply askUntil(const Json& request, const std::function<bool(const Reply&)>& accept,
+               std::chrono::milliseconds limit = std::chrono::seconds(15));
+// Observes ("context") until `accept` holds for a result; returns the last one.
+Json observeUntil(const std::function<bool(const Json&)>& accept,
+                  std::chrono::milliseconds limit = std::chrono::seconds(15));
 
 // The first node with this name and one of these roles (any role when
 // empty); a null JSON when there is none.
@@ -65,11 +81,6 @@ Json node(const Json& observation, const std::string& name,
 Json nodeStartingWith(const Json& observation, const std::string& prefix);
 double centerX(const Json& node);
 double centerY(const Json& node);
-
-// Observes until `accept` holds for an observation, at most `limit` long;
-// returns the last observation.
-Json observeUntil(const std::function<bool(const Json&)>& accept,
-                  std::chrono::milliseconds limit = std::chrono::seconds(15));
 
 // The X server as the tests see it.
 void movePointer(int x, int y);

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <deque>
+#include <optional>
 #include <thread>
 
 #include "accessibility/element.h"
@@ -16,6 +17,18 @@
 
 namespace quorvel::e2e {
 namespace {
+
+// Reads until the answer is truthy, for at most five seconds; returns the
+// last answer.
+template <typename Read>
+auto until(Read read) {
+    auto answer = read();
+    for (int attempt = 0; attempt < 50 && !answer; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        answer = read();
+    }
+    return answer;
+}
 
 // The first element under `root`, breadth-first, whose title is `title`.
 Element find(Platform& platform, const Element& root, const std::string& title) {
@@ -31,29 +44,50 @@ Element find(Platform& platform, const Element& root, const std::string& title) 
     return nullptr;
 }
 
-// The foreground window, or a test failure naming why there is none. A
-// window that has only just appeared may still be settling into place.
-Window front(Platform& platform) {
-    for (int attempt = 0;; ++attempt) {
-        try {
-            return foreground(platform);
-        } catch (const Failure& failure) {
-            if (attempt == 20) throw std::runtime_error(failure.message());
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+// The failure message of validating `scope` now; none when it passes.
+std::optional<std::string> validation(Platform& platform, const JsonObject& scope) {
+    try {
+        validate(platform, scope);
+        return std::nullopt;
+    } catch (const Failure& failure) {
+        return failure.message();
     }
 }
 
-Element focused(Platform& platform, const Window& window) {
-    Element application =
-        platform.createApplicationElement(platform.processIdentifier(window.app));
-    return element(platform, application, "AXFocusedUIElement");
-}
+class LiveReads : public ::testing::Test {
+protected:
+    // The foreground window, or a test failure naming why there is none. A
+    // window that has only just appeared may still be settling into place.
+    Window front() {
+        for (int attempt = 0;; ++attempt) {
+            try {
+                return foreground(platform);
+            } catch (const Failure& failure) {
+                if (attempt == 20) throw std::runtime_error(failure.message());
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    }
+    Element application(const Window& window) {
+        return platform.createApplicationElement(platform.processIdentifier(window.app));
+    }
+    Element focused(const Window& window) {
+        return element(platform, application(window), "AXFocusedUIElement");
+    }
+    // The application's focused window once `accept` holds for it; null if it never does.
+    Element focusedWindow(const Window& window, const std::function<bool(const Element&)>& accept) {
+        return until([&] {
+            Element now = element(platform, application(window), "AXFocusedWindow");
+            return now && accept(now) ? now : nullptr;
+        });
+    }
 
-TEST(LiveReads, OnlyTheScanIsServedFromItsPrefetch) {
     Fixture fixture;
     Platform& platform = systemPlatform();
-    Window window = front(platform);
+};
+
+TEST_F(LiveReads, OnlyTheScanIsServedFromItsPrefetch) {
+    Window window = front();
     Element status = find(platform, window.root, "Count: 0");
     ASSERT_TRUE(status);
 
@@ -65,7 +99,7 @@ TEST(LiveReads, OnlyTheScanIsServedFromItsPrefetch) {
     // Within the scan, its elements read as they were when it began...
     EXPECT_EQ(string(platform, status, "AXTitle"), "Count: 0");
     // ...but which element has the focus is asked afresh.
-    Element editor = focused(platform, window);
+    Element editor = focused(window);
     ASSERT_TRUE(editor);
     EXPECT_EQ(string(platform, editor, "AXRole"), "AXTextField");
     EXPECT_EQ(string(platform, editor, "AXTitle"), "Name");
@@ -83,109 +117,65 @@ TEST(LiveReads, OnlyTheScanIsServedFromItsPrefetch) {
     platform.endTreeScan();
 }
 
-TEST(LiveReads, FocusMovedBetweenTwoReadsIsSeen) {
-    Fixture fixture;
-    Platform& platform = systemPlatform();
-    Window window = front(platform);
-    fixture.command("focus entry");
-    Element first = focused(platform, window);
-    fixture.command("focus notes");
-    Element second = focused(platform, window);
-    ASSERT_TRUE(first && second);
-    EXPECT_FALSE(platform.equal(first, second));
-    EXPECT_EQ(string(platform, second, "AXRole"), "AXTextArea");
-    fixture.command("focus entry");
-    EXPECT_TRUE(platform.equal(first, focused(platform, window)));
-}
-
 // The reads that guard input ask about the windows seen last time along
 // with the list of windows; a window that opens or closes in between must
 // still be seen at once.
-TEST(LiveReads, WindowsOpenedOrClosedBetweenTwoReadsAreSeen) {
-    Fixture fixture;
-    Platform& platform = systemPlatform();
-    Window window = front(platform);
+TEST_F(LiveReads, WindowsOpenedOrClosedBetweenTwoReadsAreSeen) {
+    Window window = front();
     fixture.command("focus entry");
-    Element entry = focused(platform, window);
+    Element entry = focused(window);
     ASSERT_TRUE(entry);
-    Element application =
-        platform.createApplicationElement(platform.processIdentifier(window.app));
 
     fixture.command("second");
-    Element second;
-    for (int attempt = 0; attempt < 50 && !second; ++attempt) {
-        Element now = element(platform, application, "AXFocusedWindow");
-        if (now && !platform.equal(now, window.root)) second = now;
-        else std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    ASSERT_TRUE(second) << "the second window never became the focused one";
-    Element inSecond = focused(platform, window);
+    auto isMain = [&](const Element& w) { return platform.equal(w, window.root); };
+    ASSERT_TRUE(focusedWindow(window, [&](const Element& w) { return !isMain(w); }))
+        << "the second window never became the focused one";
+    Element inSecond = focused(window);
     EXPECT_FALSE(inSecond && platform.equal(inSecond, entry));
 
     fixture.command("close-second");
     fixture.command("present");
     fixture.command("focus entry");
-    Element back;
-    for (int attempt = 0; attempt < 50 && !back; ++attempt) {
-        Element now = element(platform, application, "AXFocusedWindow");
-        if (now && platform.equal(now, window.root)) back = now;
-        else std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    ASSERT_TRUE(back) << "the main window never came back in front";
-    Element again = focused(platform, window);
+    ASSERT_TRUE(focusedWindow(window, isMain))
+        << "the main window never came back in front";
+    Element again = focused(window);
     ASSERT_TRUE(again);
     EXPECT_TRUE(platform.equal(again, entry));
-}
-
-// The failure message of validating `scope` now; empty when it passes.
-std::string validation(Platform& platform, const JsonObject& scope) {
-    try {
-        validate(platform, scope);
-        return "";
-    } catch (const Failure& failure) {
-        return failure.message();
-    }
 }
 
 // The window list and the active window are also asked about along with
 // what was seen last time: a window moved or retitled between two checks of
 // one process must fail the second.
-TEST(LiveReads, WindowMovedOrRetitledBetweenTwoChecksIsSeen) {
-    const std::string changed = "The foreground window changed. Observe again before sending input.";
-    Fixture fixture;
-    Platform& platform = systemPlatform();
+TEST_F(LiveReads, WindowMovedOrRetitledBetweenTwoChecksIsSeen) {
     for (const char* change : {"move 7 5", "title Renamed"}) {
-        JsonObject scope = front(platform).scope(platform);
-        ASSERT_EQ(validation(platform, scope), "") << change;
+        JsonObject scope = front().scope(platform);
+        ASSERT_EQ(validation(platform, scope), std::nullopt) << change;
         fixture.command(change);
-        std::string message;
-        for (int attempt = 0; attempt < 50 && message.empty(); ++attempt) {
-            message = validation(platform, scope);
-            if (message.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        EXPECT_EQ(message, changed) << change;
+        EXPECT_EQ(until([&] { return validation(platform, scope); }), kWindowChanged) << change;
     }
 }
 
-TEST(LiveReads, OnlyEditorsThatOfferItCanBeSetThroughAccessibility) {
-    Fixture fixture;
-    Platform& platform = systemPlatform();
-    Window window = front(platform);
+// Focus moved between two reads is seen, and only editors that offer it can
+// be set through accessibility.
+TEST_F(LiveReads, FocusIsReadAfreshAndOnlySomeEditorsAreSettable) {
+    Window window = front();
     struct Case {
         const char* focus;
+        const char* title;
         bool settable;
-    } cases[] = {{"entry", true}, {"notes", true}, {"plain", false}};
+    } cases[] = {{"entry", "Name", true}, {"notes", "Notes", true}, {"plain", "Plain editor", false}};
     for (const Case& c : cases) {
         fixture.command(std::string("focus ") + c.focus);
-        Element editor = focused(platform, window);
+        Element editor = focused(window);
         ASSERT_TRUE(editor) << c.focus;
+        EXPECT_EQ(string(platform, editor, "AXTitle"), c.title);
         EXPECT_TRUE(editable(platform, editor)) << c.focus;
         bool settable = !c.settable;
         EXPECT_EQ(platform.isAttributeSettable(editor, "AXValue", settable), kAXErrorSuccess);
         EXPECT_EQ(settable, c.settable) << c.focus;
     }
     fixture.command("focus entry");
-    Element entry = focused(platform, window);
+    Element entry = focused(window);
     ASSERT_EQ(platform.setAttributeValue(entry, "AXValue", "Set through accessibility"),
               kAXErrorSuccess);
     EXPECT_EQ(editorValue(platform, entry), "Set through accessibility");
