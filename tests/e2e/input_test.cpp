@@ -8,7 +8,7 @@
 #include <optional>
 #include <thread>
 
-#include "input_desktop.h"
+#include "harness.h"
 
 namespace quorvel::e2e {
 namespace {

@@ -12,7 +12,7 @@
 #include "accessibility/element.h"
 #include "accessibility/window.h"
 #include "bridge/failure.h"
-#include "input_desktop.h"
+#include "harness.h"
 #include "platform/platform.h"
 
 namespace quorvel::e2e {

@@ -13,7 +13,7 @@
 #include <regex>
 #include <set>
 
-#include "input_desktop.h"
+#include "harness.h"
 #include "process.h"
 
 namespace quorvel::e2e {

@@ -5,7 +5,7 @@ add_library(quorvel_digest STATIC src/platform/linux/digest.cpp)
 target_include_directories(quorvel_digest PUBLIC src)
 target_link_libraries(quorvel_digest PRIVATE OpenSSL::Crypto)
 
-file(GLOB QUORVEL_LINUX_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/linux/*.cpp)
+file(GLOB_RECURSE QUORVEL_LINUX_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/linux/*.cpp)
 list(FILTER QUORVEL_LINUX_SOURCES EXCLUDE REGEX "/digest\\.cpp$")
 add_library(quorvel_platform STATIC ${QUORVEL_LINUX_SOURCES})
 target_link_libraries(quorvel_platform PUBLIC quorvel_core)

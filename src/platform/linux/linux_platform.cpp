@@ -5,11 +5,11 @@
 #include <thread>
 #include <chrono>
 
-#include "platform/linux/accessibility.h"
+#include "platform/linux/atspi/accessibility.h"
 #include "platform/linux/text_recognition.h"
-#include "platform/linux/x_capture.h"
-#include "platform/linux/x_display.h"
-#include "platform/linux/x_input.h"
+#include "platform/linux/x11/capture.h"
+#include "platform/linux/x11/display.h"
+#include "platform/linux/input/xtest_input.h"
 #include "platform/platform.h"
 
 namespace quorvel {

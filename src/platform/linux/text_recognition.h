@@ -8,7 +8,7 @@
 
 #include <vector>
 
-#include "platform/linux/x_capture.h"
+#include "platform/linux/x11/capture.h"
 #include "platform/platform.h"
 
 namespace quorvel::linux_backend {

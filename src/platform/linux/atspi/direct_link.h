@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/atspi_calls.h"
+#include "platform/linux/atspi/methods.h"
 
 namespace quorvel::linux_backend {
 

@@ -1,10 +1,10 @@
-#include "platform/linux/atspi_calls.h"
+#include "platform/linux/atspi/methods.h"
 
 #include <atspi/atspi-constants.h>
 
 #include <cstring>
 
-#include "platform/linux/direct_link.h"
+#include "platform/linux/atspi/direct_link.h"
 
 namespace quorvel::linux_backend {
 namespace {

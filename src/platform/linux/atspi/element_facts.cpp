@@ -1,10 +1,10 @@
-#include "platform/linux/element_attributes.h"
+#include "platform/linux/atspi/element_facts.h"
 
 #include <atspi/atspi-constants.h>
 
 #include <climits>
 
-#include "platform/linux/roles.h"
+#include "platform/linux/atspi/roles.h"
 
 namespace quorvel::linux_backend {
 namespace {

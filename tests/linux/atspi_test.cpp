@@ -16,10 +16,10 @@
 #include <climits>
 #include <map>
 
-#include "platform/linux/atspi_bus.h"
-#include "platform/linux/atspi_calls.h"
-#include "platform/linux/element_attributes.h"
-#include "platform/linux/x_capture.h"
+#include "platform/linux/atspi/bus.h"
+#include "platform/linux/atspi/methods.h"
+#include "platform/linux/atspi/element_facts.h"
+#include "platform/linux/x11/capture.h"
 
 namespace quorvel::linux_backend {
 namespace {

@@ -15,8 +15,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "platform/linux/accessibility.h"
-#include "platform/linux/element_attributes.h"
+#include "platform/linux/atspi/accessibility.h"
+#include "platform/linux/atspi/element_facts.h"
 
 namespace quorvel::linux_backend {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/x_input_signals.h"
+#include "platform/linux/input/deferred_termination.h"
 
 #include <csignal>
 #include <iterator>

@@ -1,4 +1,4 @@
-#include "platform/linux/accessibility.h"
+#include "platform/linux/atspi/accessibility.h"
 
 #include <atspi/atspi.h>
 
@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "observation/scan.h"
-#include "platform/linux/atspi_bus.h"
-#include "platform/linux/direct_link.h"
-#include "platform/linux/live_facts.h"
-#include "platform/linux/tree_snapshot.h"
+#include "platform/linux/atspi/bus.h"
+#include "platform/linux/atspi/direct_link.h"
+#include "platform/linux/atspi/live_facts.h"
+#include "platform/linux/atspi/tree_snapshot.h"
 
 namespace quorvel::linux_backend {
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/roles.h"
+#include "platform/linux/atspi/roles.h"
 
 namespace quorvel::linux_backend {
 

@@ -3,8 +3,8 @@
 // reused beyond the read that fetched it.
 #pragma once
 
-#include "platform/linux/accessibility.h"
-#include "platform/linux/element_attributes.h"
+#include "platform/linux/atspi/accessibility.h"
+#include "platform/linux/atspi/element_facts.h"
 
 namespace quorvel::linux_backend {
 

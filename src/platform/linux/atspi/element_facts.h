@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/atspi_calls.h"
+#include "platform/linux/atspi/methods.h"
 #include "platform/platform.h"
 
 namespace quorvel::linux_backend {

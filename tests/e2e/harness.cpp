@@ -1,4 +1,4 @@
-#include "input_desktop.h"
+#include "harness.h"
 
 // GoogleTest before Xlib, whose None macro would clash with it.
 #include <gtest/gtest.h>

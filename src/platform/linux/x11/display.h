@@ -65,7 +65,7 @@ public:
     // A text property of the root window (the accessibility bus address).
     std::optional<std::string> rootTextProperty(const char* name);
 
-    static constexpr size_t kAtoms = 10;  // interned once, see x_display.cpp
+    static constexpr size_t kAtoms = 10;  // interned once, see display.cpp
 
 private:
     // The display's XCB connection, for questions sent many at a time; null

@@ -1,4 +1,4 @@
-#include "platform/linux/x_input_spare.h"
+#include "platform/linux/input/spare_keys.h"
 
 #include <algorithm>
 #include <utility>

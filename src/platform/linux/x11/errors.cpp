@@ -1,4 +1,4 @@
-#include "platform/linux/x_errors.h"
+#include "platform/linux/x11/errors.h"
 
 #include <X11/Xlib.h>
 

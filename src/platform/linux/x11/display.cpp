@@ -1,4 +1,4 @@
-#include "platform/linux/x_display.h"
+#include "platform/linux/x11/display.h"
 
 #include <X11/Xlib-xcb.h>
 #include <X11/Xlib.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <memory>
 
-#include "platform/linux/x_errors.h"
+#include "platform/linux/x11/errors.h"
 
 namespace quorvel::linux_backend {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/x_input_evidence.h"
+#include "platform/linux/input/handled_evidence.h"
 
 #include <X11/Xatom.h>
 #include <X11/Xutil.h>
@@ -10,7 +10,7 @@
 #include <deque>
 #include <thread>
 
-#include "platform/linux/x_input_signals.h"
+#include "platform/linux/input/deferred_termination.h"
 
 namespace quorvel::linux_backend {
 namespace {

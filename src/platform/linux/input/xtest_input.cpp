@@ -1,4 +1,4 @@
-#include "platform/linux/x_input.h"
+#include "platform/linux/input/xtest_input.h"
 
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/linux/x_errors.h"
-#include "platform/linux/x_input_typing.h"
+#include "platform/linux/x11/errors.h"
+#include "platform/linux/input/typist.h"
 #include "unicode/unicode.h"
 
 namespace quorvel::linux_backend {

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/atspi_calls.h"
+#include "platform/linux/atspi/methods.h"
 #include "platform/platform.h"
 
 namespace quorvel::linux_backend {
@@ -20,7 +20,7 @@ class DirectLink;
 
 // An element handle: the object's identity on the bus, its application's bus
 // name and its path. Every read asks the application with its own method
-// calls (atspi_calls.h) rather than through libatspi objects, which would
+// calls (methods.h) rather than through libatspi objects, which would
 // cost a round trip apiece to make and another for each property.
 class AccessibleElement final : public ElementObject {
 public:

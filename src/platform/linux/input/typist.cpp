@@ -1,4 +1,4 @@
-#include "platform/linux/x_input_typing.h"
+#include "platform/linux/input/typist.h"
 
 #include <X11/extensions/XTest.h>
 #include <X11/keysym.h>
@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "platform/linux/x_input_signals.h"
+#include "platform/linux/input/deferred_termination.h"
 
 namespace quorvel::linux_backend {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/atspi_bus.h"
+#include "platform/linux/atspi/bus.h"
 
 #include <dbus/dbus.h>
 

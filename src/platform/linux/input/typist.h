@@ -7,7 +7,7 @@
 // mapping stays changed until the process ends, so repeated characters cost
 // nothing, and is restored by `restore()`: before that, and before a spare
 // keycode gets another character, the application must have handled every
-// event that used the keycode (see x_input_evidence.h).
+// event that used the keycode (see handled_evidence.h).
 //
 // Every change of the mapping makes each client reload its keymap, which
 // costs a large application milliseconds, so the keycodes that one text
@@ -24,8 +24,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/linux/x_input_evidence.h"
-#include "platform/linux/x_input_spare.h"
+#include "platform/linux/input/handled_evidence.h"
+#include "platform/linux/input/spare_keys.h"
 
 namespace quorvel::linux_backend {
 

@@ -7,9 +7,9 @@
 
 #include <tuple>
 
-#include "platform/linux/x_input.h"
-#include "platform/linux/x_input_spare.h"
-#include "platform/linux/x_input_typing.h"
+#include "platform/linux/input/xtest_input.h"
+#include "platform/linux/input/spare_keys.h"
+#include "platform/linux/input/typist.h"
 
 namespace quorvel::linux_backend {
 namespace {

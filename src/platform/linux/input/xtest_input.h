@@ -11,7 +11,7 @@
 //     while AT-SPI still works: that restore may read the focused editor.
 //   - While the mapping is changed, SIGINT, SIGTERM, SIGHUP, SIGQUIT and
 //     SIGPIPE are held back and re-raised once it is restored.
-//   - The backend's non-fatal X error handler (x_errors.h) is installed when
+//   - The backend's non-fatal X error handler (x11/errors.h) is installed when
 //     the connection opens.
 #pragma once
 

@@ -1,4 +1,4 @@
-#include "platform/linux/live_facts.h"
+#include "platform/linux/atspi/live_facts.h"
 
 namespace quorvel::linux_backend {
 

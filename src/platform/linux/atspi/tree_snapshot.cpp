@@ -1,11 +1,11 @@
-#include "platform/linux/tree_snapshot.h"
+#include "platform/linux/atspi/tree_snapshot.h"
 
 #include <algorithm>
 #include <vector>
 
 #include <atspi/atspi-constants.h>
 
-#include "platform/linux/roles.h"
+#include "platform/linux/atspi/roles.h"
 
 namespace quorvel::linux_backend {
 namespace {

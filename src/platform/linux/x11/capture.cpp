@@ -1,4 +1,4 @@
-#include "platform/linux/x_capture.h"
+#include "platform/linux/x11/capture.h"
 
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/linux/x_errors.h"
+#include "platform/linux/x11/errors.h"
 
 namespace quorvel::linux_backend {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/direct_link.h"
+#include "platform/linux/atspi/direct_link.h"
 
 #include <fcntl.h>
 #include <poll.h>
