@@ -7,8 +7,10 @@
 
 #include "observation/scan.h"
 #include "platform/linux/atspi/bus.h"
+#include "platform/linux/atspi/call_batch.h"
 #include "platform/linux/atspi/direct_link.h"
 #include "platform/linux/atspi/live_facts.h"
+#include "platform/linux/atspi/methods.h"
 #include "platform/linux/atspi/tree_snapshot.h"
 
 namespace quorvel::linux_backend {
@@ -81,13 +83,6 @@ Element focusedByWalk(const Element& window, DBusConnection* bus, int timeoutMs)
 }
 
 }  // namespace
-
-AccessibleElement::AccessibleElement(ObjectRef ref, bool application)
-    : ref_(std::move(ref)), application_(application) {}
-
-Element elementFor(ObjectRef ref) {
-    return std::make_shared<AccessibleElement>(std::move(ref), false);
-}
 
 Accessibility::Accessibility(std::function<std::optional<std::string>()> rootWindowAddress)
     : rootWindowAddress_(std::move(rootWindowAddress)) {}
@@ -295,7 +290,7 @@ AttributeRead Accessibility::read(const Element& element, std::string_view attri
     LiveFacts live(target->ref(), atspi_get_a11y_bus(), timeoutMs_, &timedOut);
     AttributeRead result;
     if (std::unique_ptr<ElementFacts> cached =
-            snapshot_ ? snapshot_->facts(*target, live) : nullptr)
+            snapshot_ ? snapshot_->facts(target->ref(), live) : nullptr)
         result = readAttribute(*cached, attribute);
     else
         result = readAttribute(live, attribute);
@@ -349,7 +344,7 @@ void Accessibility::beginTreeScan(const Element& root) {
     scanStalled_ = false;
     const AccessibleElement* target = atspi(root);
     if (!target || !connected_) return;
-    snapshot_ = std::make_unique<TreeSnapshot>(*target, atspi_get_a11y_bus(),
+    snapshot_ = std::make_unique<TreeSnapshot>(target->ref(), atspi_get_a11y_bus(),
                                                linkTo(target->ref().bus), timeoutMs_, kMaxNodes);
     scanStalled_ = snapshot_->stalled();
 }

@@ -1,5 +1,6 @@
-// The accessibility half of the Linux backend: AT-SPI2 through libatspi, plus
-// pipelined method calls for the tree scan.
+// The accessibility half of the Linux backend: the orchestrator of AT-SPI
+// reads. libatspi finds and opens the bus; every read is an AT-SPI method
+// call of our own (methods.h), sent with the others it does not depend on.
 #pragma once
 
 #include <cstdint>
@@ -10,34 +11,14 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/atspi/methods.h"
+#include "platform/linux/atspi/accessible_element.h"
+#include "platform/linux/atspi/message.h"
 #include "platform/platform.h"
 
 namespace quorvel::linux_backend {
 
 class TreeSnapshot;
 class DirectLink;
-
-// An element handle: the object's identity on the bus, its application's bus
-// name and its path. Every read asks the application with its own method
-// calls (methods.h) rather than through libatspi objects, which would
-// cost a round trip apiece to make and another for each property.
-class AccessibleElement final : public ElementObject {
-public:
-    AccessibleElement(ObjectRef ref, bool application);
-
-    const ObjectRef& ref() const { return ref_; }
-    // The root object of an application: it answers "AXFocusedWindow" and
-    // "AXFocusedUIElement".
-    bool application() const { return application_; }
-
-private:
-    ObjectRef ref_;
-    bool application_;
-};
-
-// An element handle for an object known only by its identity.
-Element elementFor(ObjectRef ref);
 
 // The frontmost application: its process. Its AT-SPI application is looked
 // up afresh whenever it is needed.

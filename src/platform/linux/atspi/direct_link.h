@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/atspi/methods.h"
+#include "platform/linux/atspi/message.h"
 
 namespace quorvel::linux_backend {
 

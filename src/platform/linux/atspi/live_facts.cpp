@@ -1,5 +1,8 @@
 #include "platform/linux/atspi/live_facts.h"
 
+#include "platform/linux/atspi/accessible_element.h"
+#include "platform/linux/atspi/call_batch.h"
+
 namespace quorvel::linux_backend {
 
 LiveFacts::LiveFacts(ObjectRef ref, DBusConnection* bus, int timeoutMs, bool* timedOut)

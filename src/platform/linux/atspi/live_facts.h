@@ -3,8 +3,9 @@
 // reused beyond the read that fetched it.
 #pragma once
 
-#include "platform/linux/atspi/accessibility.h"
 #include "platform/linux/atspi/element_facts.h"
+#include "platform/linux/atspi/message.h"
+#include "platform/linux/atspi/methods.h"
 
 namespace quorvel::linux_backend {
 

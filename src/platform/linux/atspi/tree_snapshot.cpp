@@ -5,6 +5,8 @@
 
 #include <atspi/atspi-constants.h>
 
+#include "platform/linux/atspi/accessible_element.h"
+#include "platform/linux/atspi/call_batch.h"
 #include "platform/linux/atspi/roles.h"
 
 namespace quorvel::linux_backend {
@@ -93,9 +95,9 @@ Cache indexCache(std::vector<CacheItem> items, const std::string& bus) {
 
 }  // namespace
 
-TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, DirectLink* link,
+TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
                            int timeoutMs, size_t limit)
-    : bus_(root.ref().bus) {
+    : bus_(root.bus) {
     Cache cache;
     {
         CallBatch batch(bus, timeoutMs, link);
@@ -111,7 +113,7 @@ TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, D
 
     // The scan's visit list grows exactly as here: an element's children are
     // added while the list is below the limit, as many as still fit.
-    std::vector<ObjectRef> level{root.ref()};
+    std::vector<ObjectRef> level{root};
     size_t planned = 1;  // estimate from child counts, decides what to fetch
     size_t visited = 1;  // from the children actually listed
     while (!level.empty() && !stalled_) {
@@ -270,9 +272,8 @@ TreeSnapshot::TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, D
     }
 }
 
-std::unique_ptr<ElementFacts> TreeSnapshot::facts(const AccessibleElement& element,
+std::unique_ptr<ElementFacts> TreeSnapshot::facts(const ObjectRef& ref,
                                                   ElementFacts& live) const {
-    const ObjectRef& ref = element.ref();
     if (ref.bus != bus_) return nullptr;
     auto it = records_.find(ref.path);
     if (it == records_.end()) return nullptr;

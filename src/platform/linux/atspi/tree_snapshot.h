@@ -15,22 +15,25 @@
 #include <string>
 #include <unordered_map>
 
-#include "platform/linux/atspi/accessibility.h"
 #include "platform/linux/atspi/element_facts.h"
+#include "platform/linux/atspi/message.h"
+#include "platform/linux/atspi/methods.h"
 
 namespace quorvel::linux_backend {
+
+class DirectLink;
 
 class TreeSnapshot {
 public:
     // Prefetches the tree under `root` as far as a breadth-first scan of at
     // most `limit` elements reaches, over `link` when there is one, else over
     // the bus.
-    TreeSnapshot(const AccessibleElement& root, DBusConnection* bus, DirectLink* link,
+    TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
                  int timeoutMs, size_t limit);
 
     // What was prefetched about one element; a fact that was not prefetched
     // is read from `live`. Null when the element is not in the snapshot.
-    std::unique_ptr<ElementFacts> facts(const AccessibleElement& element, ElementFacts& live) const;
+    std::unique_ptr<ElementFacts> facts(const ObjectRef& element, ElementFacts& live) const;
 
     // The application stopped answering while the tree was prefetched.
     bool stalled() const { return stalled_; }
