@@ -126,10 +126,10 @@ std::optional<KeyChord> keyNamed(std::string_view name) {
         KeyChord chord;
     };
     static constexpr std::array<Entry, 4> kKeys{{
-        {"escape", {53, 0}},                               // kVK_Escape
-        {"enter", {36, 0}},                                // kVK_Return
-        {"tab", {48, 0}},                                  // kVK_Tab
-        {"navigate_back", {33, kCGEventFlagMaskCommand}},  // kVK_ANSI_LeftBracket
+        {"escape", {kVirtualKeyEscape, 0}},
+        {"enter", {kVirtualKeyReturn, 0}},
+        {"tab", {kVirtualKeyTab, 0}},
+        {"navigate_back", {kVirtualKeyLeftBracket, kCGEventFlagMaskCommand}},
     }};
     for (const Entry& e : kKeys)
         if (e.name == name) return e.chord;

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdint>
 
+#include "unicode/unicode.h"
+
 namespace quorvel {
 namespace {
 
@@ -12,7 +14,6 @@ namespace {
 constexpr int kMaxDepth = 512;
 
 void writeString(std::string& out, std::string_view s) {
-    static constexpr char kHex[] = "0123456789abcdef";
     out += '"';
     size_t i = 0;
     while (i < s.size()) {
@@ -42,8 +43,7 @@ void writeString(std::string& out, std::string_view s) {
                 default:
                     if (c < 0x20) {
                         out += "\\u00";
-                        out += kHex[c >> 4];
-                        out += kHex[c & 15];
+                        appendHex(out, c);
                     } else {
                         out += static_cast<char>(c);
                     }
@@ -51,21 +51,10 @@ void writeString(std::string& out, std::string_view s) {
             ++i;
             continue;
         }
-        // Copy a well-formed UTF-8 sequence as it is; anything else becomes
-        // U+FFFD, so the output is always valid JSON and writing it again
-        // after a parse gives the same bytes.
-        size_t len = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
-        bool ok = len != 0 && c <= 0xF4 && i + len <= s.size();
-        for (size_t k = 1; ok && k < len; ++k)
-            ok = (static_cast<unsigned char>(s[i + k]) & 0xC0) == 0x80;
-        if (ok && len >= 3) {
-            unsigned char c1 = static_cast<unsigned char>(s[i + 1]);
-            if (c == 0xE0 && c1 < 0xA0) ok = false;   // overlong
-            if (c == 0xED && c1 >= 0xA0) ok = false;  // surrogate
-            if (c == 0xF0 && c1 < 0x90) ok = false;   // overlong
-            if (c == 0xF4 && c1 >= 0x90) ok = false;  // above U+10FFFF
-        }
-        if (ok) {
+        // Copy a well-formed UTF-8 sequence as it is; each byte of anything
+        // else becomes U+FFFD, so the output is always valid JSON and writing
+        // it again after a parse gives the same bytes.
+        if (size_t len = wellFormedLength(s, i)) {
             out.append(s.substr(i, len));
             i += len;
         } else {

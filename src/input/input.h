@@ -13,7 +13,6 @@ namespace quorvel {
 
 inline constexpr size_t kLongestText = 60000;  // UTF-16 code units
 inline constexpr size_t kLongestChunk = 16;    // UTF-16 code units
-inline constexpr std::uint16_t kVirtualKeyA = 0;
 
 // One key press and release with exactly `flags` on both events.
 void key(Platform&, std::uint16_t code, EventFlags flags = 0);

@@ -1,4 +1,4 @@
-#include <vector>
+#include <string>
 
 #include "accessibility/element.h"
 #include "accessibility/window.h"
@@ -25,7 +25,7 @@ Element focusedElement(Platform& platform, std::int32_t pid) {
 
 // Delivers one chunk, after checking again that the scope names the
 // foreground window and that focus is still on the editor.
-void send(Platform& platform, const std::vector<char16_t>& chunk, const JsonObject& scope,
+void send(Platform& platform, const std::u16string& chunk, const JsonObject& scope,
           std::int32_t pid, const Element& editor) {
     validate(platform, scope);
     Element now = focusedElement(platform, pid);
@@ -66,20 +66,14 @@ void type(Platform& platform, const std::string& text, bool replace, const std::
     }
 
     platform.prepareText(text);
-    std::vector<char16_t> chunk;
+    std::u16string chunk;
     chunk.reserve(kLongestChunk);
     for (char32_t cp : scalars(text)) {
-        size_t units = cp > 0xFFFF ? 2 : 1;
-        if (chunk.size() + units > kLongestChunk) {
+        if (chunk.size() + utf16Units(cp) > kLongestChunk) {
             send(platform, chunk, scope, pid, editor);
             chunk.clear();
         }
-        if (units == 2) {
-            chunk.push_back(static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10)));
-            chunk.push_back(static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
-        } else {
-            chunk.push_back(static_cast<char16_t>(cp));
-        }
+        appendUtf16(chunk, cp);
     }
     if (!chunk.empty()) send(platform, chunk, scope, pid, editor);
 }

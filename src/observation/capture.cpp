@@ -3,6 +3,7 @@
 #include "accessibility/element.h"
 #include "bridge/failure.h"
 #include "platform/digest.h"
+#include "unicode/unicode.h"
 
 namespace quorvel {
 namespace {
@@ -12,17 +13,6 @@ constexpr std::uint32_t kImageOptions =
     kCGWindowImageBoundsIgnoreFraming | kCGWindowImageBestResolution;
 
 }  // namespace
-
-std::string screenshotHash(std::span<const std::uint8_t> bytes) {
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string hex;
-    hex.reserve(64);
-    for (std::uint8_t b : sha256(bytes)) {
-        hex += kHex[b >> 4];
-        hex += kHex[b & 15];
-    }
-    return hex;
-}
 
 Rect screenRect(const Rect& box, const Rect& frame) {
     return Rect{minX(frame) + minX(box) * width(frame),
@@ -39,7 +29,7 @@ CaptureResult capture(Platform& platform, const Window& window, bool ocr) {
     std::optional<std::vector<std::uint8_t>> pixels = platform.copyImageData(image);
     if (!pixels) fail(kCaptureFailed);
 
-    CaptureResult result{screenshotHash(*pixels), {}};
+    CaptureResult result{hex(sha256(*pixels)), {}};
     pixels.reset();
     if (!ocr) return result;
 

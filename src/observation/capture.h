@@ -16,9 +16,6 @@ struct CaptureResult {
 
 CaptureResult capture(Platform&, const Window&, bool ocr);
 
-// Lower-case hex SHA-256 of exactly these bytes.
-std::string screenshotHash(std::span<const std::uint8_t> bytes);
-
 // A recognised box (normalised, lower-left origin) in screen points.
 Rect screenRect(const Rect& box, const Rect& frame);
 

@@ -9,7 +9,6 @@
 
 namespace quorvel {
 
-inline constexpr size_t kMaxNodes = 1200;
 inline constexpr size_t kMaxNameLength = 500;     // grapheme clusters
 inline constexpr size_t kMaxTextLength = 60000;   // grapheme clusters
 

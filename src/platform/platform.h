@@ -8,6 +8,7 @@
 // the text recogniser's own error from `recognizeText`.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -128,12 +129,22 @@ struct TextObservation {
 // backends map them to their own input model.
 using EventFlags = std::uint64_t;
 inline constexpr EventFlags kCGEventFlagMaskCommand = 0x00100000;
+// The keys the bridge presses, as macOS virtual key codes (kVK_ANSI_A, ...).
+inline constexpr std::uint16_t kVirtualKeyA = 0;
+inline constexpr std::uint16_t kVirtualKeyLeftBracket = 33;
+inline constexpr std::uint16_t kVirtualKeyReturn = 36;
+inline constexpr std::uint16_t kVirtualKeyTab = 48;
+inline constexpr std::uint16_t kVirtualKeyEscape = 53;
 
 enum class MouseEventType : std::uint32_t { LeftMouseDown = 1, LeftMouseUp = 2 };
 enum class MouseButton : std::uint32_t { Left = 0 };
 enum class ScrollUnit : std::uint32_t { Pixel = 0, Line = 1 };
 enum class EventField : std::uint32_t { MouseClickState = 1 };
 enum class EventTap : std::uint32_t { HID = 0 };
+
+// The most elements one tree scan visits, and so the most node records one
+// observation holds.
+inline constexpr size_t kMaxNodes = 1200;
 
 class Platform {
 public:
@@ -167,8 +178,9 @@ public:
                                       const std::string& text) = 0;
     virtual bool equal(const Element&, const Element&) = 0;  // CFEqual
 
-    // Bracket one tree scan. Between the two calls every read serves the scan
-    // of `root`, so a backend may prefetch or cache for it; whatever it keeps
+    // Bracket one tree scan, which visits at most kMaxNodes elements of
+    // `root`'s tree, breadth-first. Between the two calls every read serves
+    // that scan, so a backend may prefetch or cache for it; whatever it keeps
     // must be dropped at the end, because every other read must be live.
     virtual void beginTreeScan(const Element& root) { (void)root; }
     virtual void endTreeScan() {}

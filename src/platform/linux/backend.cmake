@@ -8,7 +8,9 @@ target_link_libraries(quorvel_digest PRIVATE OpenSSL::Crypto)
 file(GLOB_RECURSE QUORVEL_LINUX_SOURCES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/linux/*.cpp)
 list(FILTER QUORVEL_LINUX_SOURCES EXCLUDE REGEX "/digest\\.cpp$")
 add_library(quorvel_platform STATIC ${QUORVEL_LINUX_SOURCES})
-target_link_libraries(quorvel_platform PUBLIC quorvel_core)
+# Of the core, the backend sees only the seam (platform/platform.h).
+target_include_directories(quorvel_platform PUBLIC src)
+target_link_libraries(quorvel_platform PRIVATE quorvel_unicode)
 
 # The read side: libatspi and libdbus for the accessibility tree, Xlib for
 # window images, XCB over the same connection for the window list.

@@ -33,9 +33,9 @@ else()
   target_compile_definitions(quorvel_platform PRIVATE QUORVEL_CG_WINDOW_IMAGE=0)
   target_link_libraries(quorvel_platform PRIVATE "-framework ScreenCaptureKit" "-framework CoreVideo")
 endif()
+target_include_directories(quorvel_platform PUBLIC src)
 target_link_libraries(quorvel_platform
-  PUBLIC quorvel_core
-  PRIVATE PkgConfig::UTF8PROC
+  PRIVATE quorvel_unicode
           "-framework ApplicationServices" "-framework CoreGraphics"
           "-framework CoreFoundation" "-framework AppKit" "-framework Vision")
 
@@ -48,7 +48,7 @@ if(QUORVEL_TESTS)
        ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/macos/tests/*_test.mm)
   add_executable(quorvel_macos_tests ${QUORVEL_MACOS_TEST_SOURCES})
   target_compile_options(quorvel_macos_tests PRIVATE -fobjc-arc)
-  target_link_libraries(quorvel_macos_tests PRIVATE quorvel_platform quorvel_digest
+  target_link_libraries(quorvel_macos_tests PRIVATE quorvel_platform quorvel_digest quorvel_unicode
                         GTest::gtest GTest::gtest_main)
   include(GoogleTest)
   gtest_discover_tests(quorvel_macos_tests DISCOVERY_TIMEOUT 60)

@@ -1,8 +1,8 @@
 #include "platform/macos/cf_value.h"
 
-#include <utf8proc.h>
-
 #include <algorithm>
+
+#include "unicode/unicode.h"
 
 namespace quorvel::macos_backend {
 namespace {
@@ -110,27 +110,9 @@ std::optional<std::vector<WindowListEntry>> windowListFrom(CFTypeRef list) {
 
 std::string utf8(CFStringRef text) {
     const CFIndex length = CFStringGetLength(text);
-    CFStringInlineBuffer units;
-    CFStringInitInlineBuffer(text, &units, CFRangeMake(0, length));
-    std::string out;
-    out.reserve(static_cast<size_t>(length));
-    for (CFIndex i = 0; i < length; ++i) {
-        const UniChar unit = CFStringGetCharacterFromInlineBuffer(&units, i);
-        UTF32Char scalar = 0xFFFD;
-        if (CFStringIsSurrogateHighCharacter(unit)) {
-            const UniChar next = i + 1 < length ? CFStringGetCharacterFromInlineBuffer(&units, i + 1) : 0;
-            if (CFStringIsSurrogateLowCharacter(next)) {
-                scalar = CFStringGetLongCharacterForSurrogatePair(unit, next);
-                ++i;
-            }
-        } else if (!CFStringIsSurrogateLowCharacter(unit)) {
-            scalar = unit;
-        }
-        utf8proc_uint8_t bytes[4];
-        const utf8proc_ssize_t size = utf8proc_encode_char(static_cast<utf8proc_int32_t>(scalar), bytes);
-        out.append(reinterpret_cast<const char*>(bytes), static_cast<size_t>(size));
-    }
-    return out;
+    std::u16string units(static_cast<size_t>(length), u'\0');
+    CFStringGetCharacters(text, CFRangeMake(0, length), reinterpret_cast<UniChar*>(units.data()));
+    return quorvel::utf8(scalars(units));
 }
 
 CFRef<CFStringRef> cfString(std::string_view utf8Text) {

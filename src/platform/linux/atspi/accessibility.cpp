@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <vector>
 
-#include "observation/scan.h"
 #include "platform/linux/atspi/bus.h"
 #include "platform/linux/atspi/call_batch.h"
 #include "platform/linux/atspi/direct_link.h"

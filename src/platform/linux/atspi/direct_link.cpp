@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "unicode/unicode.h"
+
 namespace quorvel::linux_backend {
 namespace {
 
@@ -112,14 +114,9 @@ std::unique_ptr<DirectLink> DirectLink::open(const std::string& address, int tim
 
     // SASL EXTERNAL: the server checks our credentials on the socket; the
     // user id is sent as hex-encoded decimal digits.
-    std::string uid = std::to_string(geteuid()), hex;
-    static constexpr char kHex[] = "0123456789abcdef";
-    for (unsigned char c : uid) {
-        hex += kHex[c >> 4];
-        hex += kHex[c & 15];
-    }
-    std::string line;
-    if (!writeAll(fd, std::string(1, '\0') + "AUTH EXTERNAL " + hex + "\r\n", timeoutMs) ||
+    std::string uid = std::to_string(geteuid()), line;
+    std::string hexUid = hex({reinterpret_cast<const std::uint8_t*>(uid.data()), uid.size()});
+    if (!writeAll(fd, std::string(1, '\0') + "AUTH EXTERNAL " + hexUid + "\r\n", timeoutMs) ||
         !readLine(fd, line, timeoutMs) || line.rfind("OK ", 0) != 0 ||
         !writeAll(fd, "BEGIN\r\n", timeoutMs))
         return nullptr;

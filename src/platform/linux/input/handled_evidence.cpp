@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "platform/linux/input/deferred_termination.h"
+#include "unicode/unicode.h"
 
 namespace quorvel::linux_backend {
 namespace {
@@ -94,28 +95,6 @@ private:
     Batch confirmed_ = 0;
 };
 
-std::string utf8(const std::deque<char32_t>& text) {
-    std::string out;
-    for (char32_t c : text) {
-        if (c < 0x80) {
-            out += static_cast<char>(c);
-        } else if (c < 0x800) {
-            out += static_cast<char>(0xC0 | (c >> 6));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            out += static_cast<char>(0xE0 | (c >> 12));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (c >> 18));
-            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
-    }
-    return out;
-}
-
 class EditorEvidence final : public HandledEvidence {
 public:
     explicit EditorEvidence(AtspiText* text) : text_(text) { baseline_ = caret(); }
@@ -179,7 +158,7 @@ private:
             g_error_free(error);
             return false;
         }
-        bool same = before && utf8(recent_) == before;
+        bool same = before && utf8(std::u32string(recent_.begin(), recent_.end())) == before;
         g_free(before);
         return same;
     }

@@ -18,7 +18,6 @@ namespace {
 constexpr EventFlags kFlagShift = 0x00020000;
 constexpr EventFlags kFlagControl = 0x00040000;
 constexpr EventFlags kFlagAlternate = 0x00080000;
-constexpr std::uint16_t kVirtualKeyLeftBracket = 33;
 
 struct VirtualKey {
     std::uint16_t code;
@@ -26,7 +25,9 @@ struct VirtualKey {
 };
 // The virtual keys the bridge sends (the key-name table and select-all).
 constexpr VirtualKey kVirtualKeys[] = {
-    {0, XK_a}, {33, XK_bracketleft}, {36, XK_Return}, {48, XK_Tab}, {53, XK_Escape},
+    {kVirtualKeyA, XK_a},          {kVirtualKeyLeftBracket, XK_bracketleft},
+    {kVirtualKeyReturn, XK_Return}, {kVirtualKeyTab, XK_Tab},
+    {kVirtualKeyEscape, XK_Escape},
 };
 
 constexpr unsigned kLeftButton = 1;
@@ -50,24 +51,6 @@ struct InputEvent final : EventObject {
 };
 
 InputEvent* ours(EventObject& event) { return dynamic_cast<InputEvent*>(&event); }
-
-std::u32string scalarsOf(std::span<const char16_t> units) {
-    std::u32string out;
-    out.reserve(units.size());
-    for (size_t i = 0; i < units.size(); ++i) {
-        char16_t unit = units[i];
-        bool high = unit >= 0xD800 && unit <= 0xDBFF;
-        if (high && i + 1 < units.size() && units[i + 1] >= 0xDC00 && units[i + 1] <= 0xDFFF) {
-            out += static_cast<char32_t>(0x10000 + ((unit - 0xD800) << 10) + (units[i + 1] - 0xDC00));
-            ++i;
-        } else if (unit >= 0xD800 && unit <= 0xDFFF) {
-            out += U'\uFFFD';
-        } else {
-            out += unit;
-        }
-    }
-    return out;
-}
 
 }  // namespace
 
@@ -178,7 +161,7 @@ void XInput::setFlags(EventObject& event, EventFlags flags) {
 void XInput::setUnicodeString(EventObject& event, std::span<const char16_t> text) {
     if (InputEvent* input = ours(event); input && input->kind == InputEvent::Kind::Key) {
         input->hasText = true;
-        input->text = scalarsOf(text);
+        input->text = scalars(std::u16string_view(text.data(), text.size()));
     }
 }
 

@@ -6,18 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "unicode/unicode.h"
+
 namespace quorvel {
 namespace {
-
-std::string hex(const std::array<std::uint8_t, 32>& digest) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string out;
-    for (std::uint8_t b : digest) {
-        out += kDigits[b >> 4];
-        out += kDigits[b & 15];
-    }
-    return out;
-}
 
 std::string digestOf(const std::string& text) {
     std::vector<std::uint8_t> bytes(text.begin(), text.end());
