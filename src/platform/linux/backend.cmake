@@ -25,7 +25,6 @@ target_compile_definitions(quorvel_platform PRIVATE
   QUORVEL_TESSERACT_SONAME="libtesseract.so.${QUORVEL_TESSERACT_MAJOR}")
 target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_LINUX_READ ${CMAKE_DL_LIBS})
 
-# XTest input: Xlib and XTest, xkbcommon's character-to-keysym table, and
-# AT-SPI for reading the focused editor while typing.
-pkg_check_modules(QUORVEL_XINPUT REQUIRED IMPORTED_TARGET x11 xtst xkbcommon atspi-2)
+# XTest input: Xlib and XTest, and xkbcommon's character-to-keysym table.
+pkg_check_modules(QUORVEL_XINPUT REQUIRED IMPORTED_TARGET x11 xtst xkbcommon)
 target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_XINPUT)

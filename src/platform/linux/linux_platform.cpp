@@ -22,10 +22,31 @@ public:
     Pixels pixels;
 };
 
+// The focused editor of a process, read for the typing evidence with the
+// accessibility side's own calls.
+class AccessibleEditorText final : public EditorText {
+public:
+    AccessibleEditorText(Accessibility& accessibility, ObjectRef text)
+        : accessibility_(accessibility), text_(std::move(text)) {}
+    std::optional<int> caret() override { return accessibility_.caretOffset(text_); }
+    std::optional<std::string> text(int start, int end) override {
+        return accessibility_.text(text_, start, end);
+    }
+
+private:
+    Accessibility& accessibility_;
+    ObjectRef text_;
+};
+
 class LinuxPlatform final : public Platform {
 public:
     LinuxPlatform()
-        : accessibility_([this] { return display_.rootTextProperty("AT_SPI_BUS"); }) {}
+        : accessibility_([this] { return display_.rootTextProperty("AT_SPI_BUS"); }),
+          input_([this](std::int64_t pid) -> std::unique_ptr<EditorText> {
+              std::optional<ObjectRef> text = accessibility_.focusedText(pid);
+              if (!text) return nullptr;
+              return std::make_unique<AccessibleEditorText>(accessibility_, std::move(*text));
+          }) {}
 
     std::string name() const override { return "linux"; }
     std::string accessibilityPermissionMessage() const override {
@@ -125,7 +146,8 @@ public:
 
 private:
     // The display outlives the accessibility side, which may read the bus
-    // address from its root window.
+    // address from its root window; the accessibility side outlives the
+    // input, whose typing evidence reads the focused editor through it.
     XDisplay display_;
     Accessibility accessibility_;
     TextRecognizer recognizer_;

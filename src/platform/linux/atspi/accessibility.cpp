@@ -2,6 +2,7 @@
 
 #include <atspi/atspi.h>
 
+#include <climits>
 #include <cstdlib>
 #include <vector>
 
@@ -352,6 +353,31 @@ void Accessibility::endTreeScan() {
     snapshot_.reset();
     scanning_ = false;
     scanStalled_ = false;
+}
+
+std::optional<ObjectRef> Accessibility::focusedText(std::int64_t pid) {
+    if (pid <= 0 || pid > INT32_MAX) return std::nullopt;
+    std::optional<ObjectRef> app = findApplication(static_cast<std::int32_t>(pid));
+    if (!app) return std::nullopt;
+    DBusConnection* bus = atspi_get_a11y_bus();
+    auto matches = parseMatches(callAndWait(bus, focusedDescendantCall(*app), timeoutMs_).get());
+    if (!matches || matches->empty()) return std::nullopt;
+    auto interfaces =
+        parseInterfaces(callAndWait(bus, interfacesCall(matches->front()), timeoutMs_).get());
+    if (!interfaces || !hasInterface(*interfaces, kTextInterface)) return std::nullopt;
+    return matches->front();
+}
+
+std::optional<int> Accessibility::caretOffset(const ObjectRef& text) {
+    if (!connected_) return std::nullopt;
+    Message reply = callAndWait(atspi_get_a11y_bus(), caretOffsetCall(text), timeoutMs_);
+    return parseCaretOffset(reply.get());
+}
+
+std::optional<std::string> Accessibility::text(const ObjectRef& text, int start, int end) {
+    if (!connected_) return std::nullopt;
+    Message reply = callAndWait(atspi_get_a11y_bus(), textCall(text, start, end), timeoutMs_);
+    return parseText(reply.get());
 }
 
 }  // namespace quorvel::linux_backend

@@ -62,6 +62,14 @@ public:
     void beginTreeScan(const Element& root);
     void endTreeScan();
 
+    // What typing reads to learn that the application has handled its keys:
+    // the focused element of process `pid` when it is text (nothing
+    // otherwise), found by the application in one Collection query; its
+    // caret offset; and its characters from `start` to `end`.
+    std::optional<ObjectRef> focusedText(std::int64_t pid);
+    std::optional<int> caretOffset(const ObjectRef& text);
+    std::optional<std::string> text(const ObjectRef& text, int start, int end);
+
 private:
     bool connect();
     // The root object of the AT-SPI application of process `pid`.

@@ -9,8 +9,6 @@ namespace {
 
 constexpr char kAccessible[] = "org.a11y.atspi.Accessible";
 constexpr char kComponent[] = "org.a11y.atspi.Component";
-constexpr char kText[] = "org.a11y.atspi.Text";
-constexpr char kValue[] = "org.a11y.atspi.Value";
 constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 constexpr dbus_uint32_t kScreenCoordinates = 0;  // ATSPI_COORD_TYPE_SCREEN
 
@@ -28,6 +26,27 @@ std::string basicString(DBusMessageIter* iter) {
     const char* text = nullptr;
     dbus_message_iter_get_basic(iter, &text);
     return text ? text : "";
+}
+
+Message propertyCall(const ObjectRef& ref, const char* interface, const char* property) {
+    Message call = methodCall(ref, kProperties, "Get");
+    if (call)
+        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &interface, DBUS_TYPE_STRING,
+                                 &property, DBUS_TYPE_INVALID);
+    return call;
+}
+
+// The value of a property's reply when it is of `type`.
+template <typename T>
+std::optional<T> propertyValue(DBusMessage* reply, int type) {
+    if (!isReply(reply, "v")) return std::nullopt;
+    DBusMessageIter iter, variant;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &variant);
+    if (dbus_message_iter_get_arg_type(&variant) != type) return std::nullopt;
+    T value{};
+    dbus_message_iter_get_basic(&variant, &value);
+    return value;
 }
 
 // Reads an (so) structure: a bus name and an object path.
@@ -65,7 +84,7 @@ Message accessiblePropertiesCall(const ObjectRef& ref) {
 }
 
 Message setTextContentsCall(const ObjectRef& ref, const std::string& text) {
-    Message call = methodCall(ref, "org.a11y.atspi.EditableText", "SetTextContents");
+    Message call = methodCall(ref, kEditableTextInterface, "SetTextContents");
     const char* contents = text.c_str();
     if (call) dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &contents, DBUS_TYPE_INVALID);
     return call;
@@ -129,24 +148,20 @@ Message extentsCall(const ObjectRef& ref) {
     return call;
 }
 
-Message textCall(const ObjectRef& ref) {
-    // An end offset of -1 means the end of the text.
-    Message call = methodCall(ref, kText, "GetText");
-    dbus_int32_t start = 0, end = -1;
+Message textCall(const ObjectRef& ref, int start, int end) {
+    Message call = methodCall(ref, kTextInterface, "GetText");
+    dbus_int32_t from = start, to = end;
     if (call)
-        dbus_message_append_args(call.get(), DBUS_TYPE_INT32, &start, DBUS_TYPE_INT32, &end,
+        dbus_message_append_args(call.get(), DBUS_TYPE_INT32, &from, DBUS_TYPE_INT32, &to,
                                  DBUS_TYPE_INVALID);
     return call;
 }
 
 Message currentValueCall(const ObjectRef& ref) {
-    Message call = methodCall(ref, kProperties, "Get");
-    const char* interface = kValue;
-    const char* property = "CurrentValue";
-    if (call)
-        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &interface, DBUS_TYPE_STRING,
-                                 &property, DBUS_TYPE_INVALID);
-    return call;
+    return propertyCall(ref, kValueInterface, "CurrentValue");
+}
+Message caretOffsetCall(const ObjectRef& ref) {
+    return propertyCall(ref, kTextInterface, "CaretOffset");
 }
 
 std::optional<int> parseRole(DBusMessage* reply) {
@@ -233,14 +248,11 @@ std::optional<std::string> parseText(DBusMessage* reply) {
 }
 
 std::optional<double> parseCurrentValue(DBusMessage* reply) {
-    if (!isReply(reply, "v")) return std::nullopt;
-    DBusMessageIter iter, variant;
-    dbus_message_iter_init(reply, &iter);
-    dbus_message_iter_recurse(&iter, &variant);
-    if (dbus_message_iter_get_arg_type(&variant) != DBUS_TYPE_DOUBLE) return std::nullopt;
-    double value = 0;
-    dbus_message_iter_get_basic(&variant, &value);
-    return value;
+    return propertyValue<double>(reply, DBUS_TYPE_DOUBLE);
+}
+
+std::optional<int> parseCaretOffset(DBusMessage* reply) {
+    return propertyValue<dbus_int32_t>(reply, DBUS_TYPE_INT32);
 }
 
 std::optional<std::vector<ObjectRef>> parseChildren(DBusMessage* reply) {

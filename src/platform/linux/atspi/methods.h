@@ -28,7 +28,9 @@ Message stateCall(const ObjectRef&);
 Message interfacesCall(const ObjectRef&);
 Message accessiblePropertiesCall(const ObjectRef&);  // name, description, child count
 Message extentsCall(const ObjectRef&);                // screen coordinates
-Message textCall(const ObjectRef&);                   // the whole text
+// The characters from `start` to `end`; an end of -1 is the end of the text.
+Message textCall(const ObjectRef&, int start = 0, int end = -1);
+Message caretOffsetCall(const ObjectRef&);
 Message currentValueCall(const ObjectRef&);
 Message childrenCall(const ObjectRef&);
 Message childAtIndexCall(const ObjectRef&, int index);
@@ -55,6 +57,7 @@ AccessibleProperties parseAccessibleProperties(DBusMessage*);
 std::optional<Extents> parseExtents(DBusMessage*);
 std::optional<std::string> parseText(DBusMessage*);
 std::optional<double> parseCurrentValue(DBusMessage*);
+std::optional<int> parseCaretOffset(DBusMessage*);
 std::optional<std::vector<ObjectRef>> parseChildren(DBusMessage*);
 std::optional<ObjectRef> parseChild(DBusMessage*);
 std::optional<bool> parseSetTextContents(DBusMessage*);
@@ -80,6 +83,7 @@ struct CacheItem {
 std::optional<std::vector<CacheItem>> parseCacheItems(DBusMessage*);
 
 bool hasInterface(const std::vector<std::string>& interfaces, const char* name);
+inline constexpr char kTextInterface[] = "org.a11y.atspi.Text";
 inline constexpr char kValueInterface[] = "org.a11y.atspi.Value";
 inline constexpr char kEditableTextInterface[] = "org.a11y.atspi.EditableText";
 

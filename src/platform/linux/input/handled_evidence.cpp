@@ -1,16 +1,14 @@
 #include "platform/linux/input/handled_evidence.h"
 
-#include <X11/Xatom.h>
 #include <X11/Xutil.h>
-#include <atspi/atspi.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <deque>
 #include <thread>
 
 #include "platform/linux/input/deferred_termination.h"
+#include "platform/linux/x11/display.h"
 #include "unicode/unicode.h"
 
 namespace quorvel::linux_backend {
@@ -97,13 +95,14 @@ private:
 
 class EditorEvidence final : public HandledEvidence {
 public:
-    explicit EditorEvidence(AtspiText* text) : text_(text) { baseline_ = caret(); }
-    ~EditorEvidence() override { g_object_unref(text_); }
+    explicit EditorEvidence(std::unique_ptr<EditorText> editor) : editor_(std::move(editor)) {
+        baseline_ = caret();
+    }
 
     void typed(char32_t c) override {
         ++typedCount_;
         recent_.push_back(c);
-        if (recent_.size() > kCompared) recent_.pop_front();
+        if (recent_.size() > kCompared) recent_.erase(0, 1);
     }
     void sent(Batch batch) override { sent_ = batch; }
     Batch confirmed() override { return confirmed_; }
@@ -135,15 +134,7 @@ public:
 private:
     static constexpr size_t kCompared = 16;
 
-    int caret() {
-        GError* error = nullptr;
-        int offset = atspi_text_get_caret_offset(text_, &error);
-        if (error) {
-            g_error_free(error);
-            return -1;
-        }
-        return offset;
-    }
+    int caret() { return editor_->caret().value_or(-1); }
 
     // The caret has left where it stood before typing, and the characters
     // just before it are the ones typed last.
@@ -152,21 +143,14 @@ private:
         if (caretOffset == baseline_) return false;
         int count = static_cast<int>(recent_.size());
         if (caretOffset < count) return false;
-        GError* error = nullptr;
-        gchar* before = atspi_text_get_text(text_, caretOffset - count, caretOffset, &error);
-        if (error) {
-            g_error_free(error);
-            return false;
-        }
-        bool same = before && utf8(std::u32string(recent_.begin(), recent_.end())) == before;
-        g_free(before);
-        return same;
+        std::optional<std::string> before = editor_->text(caretOffset - count, caretOffset);
+        return before && *before == utf8(recent_);
     }
 
-    AtspiText* text_;
+    std::unique_ptr<EditorText> editor_;
     int baseline_ = -1;
     size_t typedCount_ = 0;
-    std::deque<char32_t> recent_;
+    std::u32string recent_;
     Batch sent_ = 0;
     Batch confirmed_ = 0;
 };
@@ -199,41 +183,20 @@ bool answersPings(Display* display, Window window) {
     return found;
 }
 
-int windowPid(Display* display, Window window) {
-    Atom type;
-    int format;
-    unsigned long items, after;
-    unsigned char* data = nullptr;
-    int pid = -1;
-    if (XGetWindowProperty(display, window, XInternAtom(display, "_NET_WM_PID", False), 0, 1,
-                           False, XA_CARDINAL, &type, &format, &items, &after,
-                           &data) == Success &&
-        data && format == 32 && items == 1)
-        pid = static_cast<int>(*reinterpret_cast<unsigned long*>(data));
-    if (data) XFree(data);
-    return pid;
-}
-
 // The top-level window of the client that holds the keyboard focus: the
 // focus window or its nearest ancestor that carries WM_PROTOCOLS.
 Window focusedClient(Display* display) {
     Window focus = None;
     int revert = 0;
     XGetInputFocus(display, &focus, &revert);
-    Window root = DefaultRootWindow(display);
-    for (Window window = focus; window != None && window != PointerRoot && window != root;) {
+    if (focus == None || focus == PointerRoot || focus == DefaultRootWindow(display)) return None;
+    for (Window window : ancestry(display, focus)) {
         Atom* protocols = nullptr;
         int count = 0;
         if (XGetWMProtocols(display, window, &protocols, &count)) {
             XFree(protocols);
             return window;
         }
-        Window parent = None, rootReturn = None;
-        Window* children = nullptr;
-        unsigned int childCount = 0;
-        if (!XQueryTree(display, window, &rootReturn, &parent, &children, &childCount)) break;
-        if (children) XFree(children);
-        window = parent;
     }
     return None;
 }
@@ -245,54 +208,21 @@ std::unique_ptr<HandledEvidence> pingEvidence(Display* display, Window window) {
     return std::make_unique<PingEvidence>(display, window);
 }
 
-std::unique_ptr<HandledEvidence> editorEvidence(int pid) {
-    if (pid <= 0 || atspi_init() < 0) return nullptr;
-    AtspiAccessible* desktop = atspi_get_desktop(0);
-    if (!desktop) return nullptr;
-    AtspiText* text = nullptr;
-    int apps = atspi_accessible_get_child_count(desktop, nullptr);
-    for (int i = 0; i < apps && !text; ++i) {
-        AtspiAccessible* app = atspi_accessible_get_child_at_index(desktop, i, nullptr);
-        if (!app) continue;
-        if (static_cast<int>(atspi_accessible_get_process_id(app, nullptr)) == pid) {
-            if (AtspiCollection* collection = atspi_accessible_get_collection_iface(app)) {
-                GArray* states = g_array_new(FALSE, FALSE, sizeof(AtspiStateType));
-                AtspiStateType focused = ATSPI_STATE_FOCUSED;
-                g_array_append_val(states, focused);
-                AtspiStateSet* set = atspi_state_set_new(states);
-                AtspiMatchRule* rule = atspi_match_rule_new(
-                    set, ATSPI_Collection_MATCH_ALL, nullptr, ATSPI_Collection_MATCH_NONE, nullptr,
-                    ATSPI_Collection_MATCH_NONE, nullptr, ATSPI_Collection_MATCH_NONE, FALSE);
-                GArray* matches = atspi_collection_get_matches(
-                    collection, rule, ATSPI_Collection_SORT_ORDER_CANONICAL, 1, TRUE, nullptr);
-                if (matches && matches->len > 0)
-                    text = atspi_accessible_get_text_iface(
-                        g_array_index(matches, AtspiAccessible*, 0));
-                if (matches) {
-                    for (guint m = 0; m < matches->len; ++m)
-                        g_object_unref(g_array_index(matches, AtspiAccessible*, m));
-                    g_array_free(matches, TRUE);
-                }
-                g_object_unref(rule);
-                g_object_unref(set);
-                g_array_free(states, TRUE);
-                g_object_unref(collection);
-            }
-        }
-        g_object_unref(app);
-    }
-    g_object_unref(desktop);
-    if (!text) return nullptr;
-    return std::make_unique<EditorEvidence>(text);
+std::unique_ptr<HandledEvidence> editorEvidence(std::unique_ptr<EditorText> editor) {
+    if (!editor) return nullptr;
+    return std::make_unique<EditorEvidence>(std::move(editor));
 }
 
 std::unique_ptr<HandledEvidence> pauseEvidence() { return std::make_unique<PauseEvidence>(); }
 
-std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display* display) {
+std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display* display,
+                                                            const FocusedText& focusedText) {
     Window client = focusedClient(display);
     if (auto ping = pingEvidence(display, client)) return ping;
-    if (auto editor = editorEvidence(client == None ? -1 : windowPid(display, client)))
-        return editor;
+    std::optional<std::int64_t> pid;
+    if (client != None) pid = processOf(display, client);
+    if (pid && focusedText)
+        if (auto editor = editorEvidence(focusedText(*pid))) return editor;
     return pauseEvidence();
 }
 

@@ -6,8 +6,9 @@
 //     from the same event loop, in the same order, in which it translates
 //     key events, so its answer proves that every earlier key event has been
 //     translated with the mapping in force when it arrived;
-//   - the focused editor read live over AT-SPI: its caret has moved and the
-//     text before the caret ends with the characters typed last;
+//   - the focused editor, read live over AT-SPI with the accessibility
+//     side's own calls (handed in as `FocusedText`): its caret has moved and
+//     the text before the caret ends with the characters typed last;
 //   - neither: a short fixed pause, the one guess left.
 // Every wait is bounded; a wait that gives up lets typing go on.
 #pragma once
@@ -17,7 +18,8 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <string>
+
+#include "platform/linux/input/editor_text.h"
 
 namespace quorvel::linux_backend {
 
@@ -38,14 +40,13 @@ public:
 };
 
 // The best evidence for the application that owns the keyboard focus.
-std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display*);
+std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display*, const FocusedText&);
 
 // Evidence from the application that owns `window`, when it answers pings;
 // null otherwise. Exposed so that each source can be tested on its own.
 std::unique_ptr<HandledEvidence> pingEvidence(Display*, Window window);
-// Evidence read from the focused editor of process `pid`; null when AT-SPI
-// shows no focused text.
-std::unique_ptr<HandledEvidence> editorEvidence(int pid);
+// Evidence read from `editor`; null without one.
+std::unique_ptr<HandledEvidence> editorEvidence(std::unique_ptr<EditorText> editor);
 std::unique_ptr<HandledEvidence> pauseEvidence();
 
 // How long one wait for a ping answer may take. Typing keeps at most a few

@@ -24,7 +24,8 @@ KeySym keysymForCharacter(char32_t c) {
     return xkb_utf32_to_keysym(c);
 }
 
-Typist::Typist(Display* display) : display_(display) {}
+Typist::Typist(Display* display, FocusedText focusedText)
+    : display_(display), focusedText_(std::move(focusedText)) {}
 
 Typist::~Typist() {
     restore();
@@ -108,7 +109,7 @@ std::optional<KeyStroke> Typist::strokeFor(KeySym keysym) {
     if (keysym == NoSymbol) return std::nullopt;
     if (auto stroke = layoutStroke(keysym)) return stroke;
     if (!spare_.available()) return std::nullopt;
-    if (!evidence_) evidence_ = focusedApplicationEvidence(display_);
+    if (!evidence_) evidence_ = focusedApplicationEvidence(display_, focusedText_);
 
     auto lease = spare_.lease(keysym, batch_, confirmed());
     if (!lease) {

@@ -40,7 +40,8 @@ struct KeyStroke {
 
 class Typist {
 public:
-    explicit Typist(Display* display);
+    // `focusedText` reads the focused editor for the typing evidence.
+    Typist(Display* display, FocusedText focusedText);
     // Restores the mapping.
     ~Typist();
     Typist(const Typist&) = delete;
@@ -90,6 +91,7 @@ private:
     void waitFor(HandledEvidence::Batch batch);
 
     Display* display_;
+    FocusedText focusedText_;
     bool loaded_ = false;
     XkbDescPtr xkb_ = nullptr;  // the client map, kept in step with our changes
     std::unordered_map<KeySym, KeyStroke> layout_;

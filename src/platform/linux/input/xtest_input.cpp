@@ -83,7 +83,8 @@ std::optional<Chord> chordFor(std::uint16_t virtualKey, EventFlags flags) {
     return chord;
 }
 
-XInput::XInput() : connection_(std::make_unique<Connection>()) {}
+XInput::XInput(FocusedText focusedText)
+    : connection_(std::make_unique<Connection>()), focusedText_(std::move(focusedText)) {}
 
 XInput::~XInput() {
     if (!connection_->display) return;
@@ -103,7 +104,7 @@ bool XInput::connect() {
             // handler would.
             installErrorHandler();
             connection_->display = display;
-            typist_ = std::make_unique<Typist>(display);
+            typist_ = std::make_unique<Typist>(display, focusedText_);
         } else if (display) {
             XCloseDisplay(display);
         }

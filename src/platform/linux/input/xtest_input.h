@@ -8,7 +8,8 @@
 //   - Text typing may change the keyboard mapping; the destructor restores
 //     it, so the owner must destroy the XInput before the process exits
 //     (a function-local static is destroyed on return from main), and
-//     while AT-SPI still works: that restore may read the focused editor.
+//     before whatever answers `focusedText`: that restore may read the
+//     focused editor.
 //   - While the mapping is changed, SIGINT, SIGTERM, SIGHUP, SIGQUIT and
 //     SIGPIPE are held back and re-raised once it is restored.
 //   - The backend's non-fatal X error handler (x11/errors.h) is installed when
@@ -22,6 +23,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/input/editor_text.h"
 #include "platform/platform.h"
 
 namespace quorvel::linux_backend {
@@ -48,7 +50,9 @@ std::optional<Chord> chordFor(std::uint16_t virtualKey, EventFlags flags);
 
 class XInput {
 public:
-    XInput();
+    // `focusedText` reads the focused editor, to learn that the application
+    // has handled the keys typed so far.
+    explicit XInput(FocusedText focusedText);
     // Releases anything still held and restores the keyboard mapping.
     ~XInput();
     XInput(const XInput&) = delete;
@@ -74,6 +78,7 @@ private:
     void releaseHeld();
 
     std::unique_ptr<Connection> connection_;
+    FocusedText focusedText_;
     bool tried_ = false;
     std::unique_ptr<Typist> typist_;
     std::vector<unsigned char> heldKeys_;  // keycodes, in press order

@@ -9,27 +9,11 @@
 #include <cstring>
 #include <string>
 
+#include "platform/linux/x11/display.h"
 #include "platform/linux/x11/errors.h"
 
 namespace quorvel::linux_backend {
 namespace {
-
-// The child of the root that holds `window`: the window manager's frame, or
-// the window itself when it is not reparented.
-::Window topLevelOf(Display* display, ::Window window) {
-    ::Window root = DefaultRootWindow(display);
-    for (int depth = 0; depth < 64; ++depth) {
-        ::Window rootReturn = None, parent = None, *children = nullptr;
-        unsigned int count = 0;
-        XErrorTrap trap(display);
-        Status ok = XQueryTree(display, window, &rootReturn, &parent, &children, &count);
-        if (children) XFree(children);
-        if (trap.failed() || !ok) return None;
-        if (parent == root || parent == None) return window;
-        window = parent;
-    }
-    return None;
-}
 
 // Whether a compositing manager runs: it owns the _NET_WM_CM_Sn selection
 // and keeps every window's contents off screen, whole even where another
@@ -85,8 +69,10 @@ std::optional<Pixels> captureWindow(Display* display, unsigned long window,
     const long top = std::lround(std::min(screenBounds.y, screenBounds.y + screenBounds.height));
     if (width <= 0 || height <= 0 || width > 32768 || height > 32768) return std::nullopt;
 
-    ::Window frame = topLevelOf(display, window);
-    if (frame == None) return std::nullopt;
+    // The child of the root that holds the window: the window manager's frame.
+    std::vector<unsigned long> chain = ancestry(display, window);
+    if (chain.empty()) return std::nullopt;
+    ::Window frame = chain.back();
     XWindowAttributes attributes;
     {
         XErrorTrap trap(display);

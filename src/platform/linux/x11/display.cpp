@@ -71,6 +71,19 @@ std::optional<std::vector<std::uint32_t>> items(xcb_connection_t* connection,
     return std::vector<std::uint32_t>(data, data + count);
 }
 
+// _NET_WM_PID, the process that owns a client window: asked, and read later,
+// so that the question can go out with others.
+xcb_get_property_cookie_t askProcess(xcb_connection_t* connection, xcb_window_t window,
+                                     xcb_atom_t wmPid) {
+    return askProperty(connection, window, wmPid, XCB_ATOM_CARDINAL);
+}
+std::optional<std::int64_t> process(xcb_connection_t* connection,
+                                    xcb_get_property_cookie_t cookie) {
+    auto pid = items(connection, cookie, XCB_ATOM_CARDINAL);
+    if (!pid || pid->empty()) return std::nullopt;
+    return static_cast<std::int64_t>(pid->front());
+}
+
 bool contains(const std::optional<std::vector<std::uint32_t>>& list, xcb_atom_t atom) {
     return list && std::find(list->begin(), list->end(), atom) != list->end();
 }
@@ -81,6 +94,29 @@ Rect framedBounds(int clientX, int clientY, int width, int height, const FrameEx
     return Rect{static_cast<double>(clientX - frame.left), static_cast<double>(clientY - frame.top),
                 static_cast<double>(width + frame.left + frame.right),
                 static_cast<double>(height + frame.top + frame.bottom)};
+}
+
+std::optional<std::int64_t> processOf(Display* display, unsigned long window) {
+    xcb_connection_t* c = XGetXCBConnection(display);
+    const char* name = "_NET_WM_PID";
+    auto atom = take(xcb_intern_atom_reply, c,
+                     xcb_intern_atom(c, 1, static_cast<std::uint16_t>(std::strlen(name)), name));
+    if (!atom || atom->atom == XCB_ATOM_NONE) return std::nullopt;
+    return process(c, askProcess(c, static_cast<xcb_window_t>(window), atom->atom));
+}
+
+std::vector<unsigned long> ancestry(Display* display, unsigned long window) {
+    xcb_connection_t* c = XGetXCBConnection(display);
+    std::vector<unsigned long> chain;
+    for (int depth = 0; depth < 64; ++depth) {
+        chain.push_back(window);
+        auto tree =
+            take(xcb_query_tree_reply, c, xcb_query_tree(c, static_cast<xcb_window_t>(window)));
+        if (!tree) return {};
+        if (tree->parent == tree->root || tree->parent == XCB_WINDOW_NONE) return chain;
+        window = tree->parent;
+    }
+    return {};
 }
 
 XDisplay::~XDisplay() {
@@ -124,18 +160,15 @@ std::optional<ActiveClient> XDisplay::activeClient() {
     // from the same round trip.
     auto activeCookie = askProperty(c, root(), atom(kActiveWindow), XCB_ATOM_WINDOW);
     std::optional<xcb_get_property_cookie_t> guessedPid;
-    if (lastActive_) guessedPid = askProperty(c, lastActive_, atom(kWmPid), XCB_ATOM_CARDINAL);
+    if (lastActive_) guessedPid = askProcess(c, lastActive_, atom(kWmPid));
     auto active = items(c, activeCookie, XCB_ATOM_WINDOW);
-    std::optional<std::vector<std::uint32_t>> pid;
-    if (guessedPid) pid = items(c, *guessedPid, XCB_ATOM_CARDINAL);
+    std::optional<std::int64_t> pid;
+    if (guessedPid) pid = process(c, *guessedPid);
     if (!active || active->empty() || active->front() == XCB_WINDOW_NONE) return std::nullopt;
     xcb_window_t window = active->front();
-    if (window != lastActive_)
-        pid = items(c, askProperty(c, window, atom(kWmPid), XCB_ATOM_CARDINAL), XCB_ATOM_CARDINAL);
+    if (window != lastActive_) pid = process(c, askProcess(c, window, atom(kWmPid)));
     lastActive_ = window;
-    ActiveClient client{window, std::nullopt};
-    if (pid && !pid->empty()) client.pid = static_cast<std::int64_t>(pid->front());
-    return client;
+    return ActiveClient{window, pid};
 }
 
 std::optional<std::string> XDisplay::rootTextProperty(const char* name) {
@@ -183,7 +216,7 @@ std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOn
                              xcb_translate_coordinates(c, client, root(), 0, 0),
                              askProperty(c, client, atom(kWmWindowType), XCB_ATOM_ATOM),
                              askProperty(c, client, atom(kWmState), XCB_ATOM_ATOM),
-                             askProperty(c, client, atom(kWmPid), XCB_ATOM_CARDINAL),
+                             askProcess(c, client, atom(kWmPid)),
                              askProperty(c, client, atom(kFrameExtents), XCB_ATOM_CARDINAL)});
         }
         return asked;
@@ -211,7 +244,7 @@ std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOn
         auto origin = take(xcb_translate_coordinates_reply, c, q.origin);
         auto types = items(c, q.types, XCB_ATOM_ATOM);
         auto states = items(c, q.states, XCB_ATOM_ATOM);
-        auto pid = items(c, q.pid, XCB_ATOM_CARDINAL);
+        auto pid = process(c, q.pid);
         auto frameItems = items(c, q.frame, XCB_ATOM_CARDINAL);
         if (!attributes || !geometry) continue;  // gone since the list was read
         if (onScreenOnly && attributes->map_state != XCB_MAP_STATE_VIEWABLE) continue;
@@ -225,7 +258,7 @@ std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOn
         if (!origin || !origin->same_screen) continue;
 
         WindowListEntry entry;
-        if (pid && !pid->empty()) entry.ownerPID = static_cast<std::int64_t>(pid->front());
+        if (pid) entry.ownerPID = *pid;
         entry.layer = layer;
         entry.number = static_cast<std::int64_t>(q.client);
         FrameExtents frame;

@@ -38,6 +38,15 @@ struct FrameExtents {
 // what GTK and the other toolkits report to AT-SPI as a top-level's extents.
 Rect framedBounds(int clientX, int clientY, int width, int height, const FrameExtents&);
 
+// The process that owns the client window `window` (its _NET_WM_PID);
+// nothing when the window does not say.
+std::optional<std::int64_t> processOf(_XDisplay*, unsigned long window);
+
+// The windows from `window` up to the child of the root that holds it (the
+// window manager's frame, or the window itself when it is not reparented),
+// `window` first; empty when the walk fails (a window vanished).
+std::vector<unsigned long> ancestry(_XDisplay*, unsigned long window);
+
 struct ActiveClient {
     XWindowId window = 0;
     std::optional<std::int64_t> pid;
