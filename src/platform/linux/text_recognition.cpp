@@ -99,12 +99,14 @@ std::vector<std::uint8_t> greyLevels(const Pixels& pixels) {
     return grey;
 }
 
-}  // namespace
-
+// A line's box in pixels (left, top, right, bottom; top-left origin) as a
+// box normalised to an image of the given size, origin at the lower-left.
 Rect normalisedBox(int left, int top, int right, int bottom, int imageWidth, int imageHeight) {
     const double w = imageWidth, h = imageHeight;
     return Rect{left / w, 1.0 - bottom / h, (right - left) / w, (bottom - top) / h};
 }
+
+}  // namespace
 
 TextRecognizer::~TextRecognizer() {
     if (!engine_) return;

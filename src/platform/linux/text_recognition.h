@@ -34,8 +34,4 @@ private:
     void* engine_ = nullptr;  // a TessBaseAPI
 };
 
-// A line's box in pixels (left, top, right, bottom; top-left origin) as a
-// box normalised to an image of the given size, origin at the lower-left.
-Rect normalisedBox(int left, int top, int right, int bottom, int imageWidth, int imageHeight);
-
 }  // namespace quorvel::linux_backend

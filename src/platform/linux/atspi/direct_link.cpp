@@ -75,8 +75,8 @@ bool readLine(int fd, std::string& line, int timeoutMs) {
     return false;
 }
 
-}  // namespace
-
+// The socket path of a D-Bus address ('\0' first for an abstract socket);
+// empty when the address names no Unix socket.
 std::string socketPath(const std::string& address) {
     // The first transport only; its key=value pairs are comma-separated.
     std::string first = address.substr(0, address.find(';'));
@@ -96,6 +96,8 @@ std::string socketPath(const std::string& address) {
     }
     return {};
 }
+
+}  // namespace
 
 std::unique_ptr<DirectLink> DirectLink::open(const std::string& address, int timeoutMs) {
     std::string path = socketPath(address);

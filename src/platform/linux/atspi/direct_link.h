@@ -46,8 +46,4 @@ private:
     std::string unread_;  // bytes received that do not make a whole message yet
 };
 
-// The socket path of a D-Bus address ('\0' first for an abstract socket);
-// empty when the address names no Unix socket.
-std::string socketPath(const std::string& address);
-
 }  // namespace quorvel::linux_backend

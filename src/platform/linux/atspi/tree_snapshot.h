@@ -37,7 +37,6 @@ public:
 
     // The application stopped answering while the tree was prefetched.
     bool stalled() const { return stalled_; }
-    size_t size() const { return records_.size(); }
 
     struct Record {
         std::optional<int> role;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <thread>
 
 #include "platform/linux/input/deferred_termination.h"
@@ -15,6 +16,13 @@ namespace quorvel::linux_backend {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// How long one wait for a ping answer may take. Typing keeps at most a few
+// batches in flight, so an application that takes longer is stuck.
+constexpr std::chrono::milliseconds kPingPatience{5000};
+// How long the editor may show no progress before its wait gives up.
+constexpr std::chrono::milliseconds kEditorPatience{750};
+constexpr std::chrono::milliseconds kPause{60};
 
 // Marks our pings, so that answers to the window manager's own pings, or to
 // another bridge's, are never taken for ours.
@@ -69,7 +77,6 @@ public:
         }
     }
 
-    const char* source() const override { return "ping"; }
 
 private:
     // Reads every event that has arrived; only our answers matter.
@@ -129,7 +136,6 @@ public:
         }
     }
 
-    const char* source() const override { return "editor"; }
 
 private:
     static constexpr size_t kCompared = 16;
@@ -166,7 +172,6 @@ public:
         }
         return true;
     }
-    const char* source() const override { return "pause"; }
 
 private:
     Batch sent_ = 0;
@@ -201,8 +206,8 @@ Window focusedClient(Display* display) {
     return None;
 }
 
-}  // namespace
-
+// Evidence from the application that owns `window`, when it answers pings;
+// null otherwise.
 std::unique_ptr<HandledEvidence> pingEvidence(Display* display, Window window) {
     if (window == None || !answersPings(display, window)) return nullptr;
     return std::make_unique<PingEvidence>(display, window);
@@ -214,6 +219,8 @@ std::unique_ptr<HandledEvidence> editorEvidence(std::unique_ptr<EditorText> edit
 }
 
 std::unique_ptr<HandledEvidence> pauseEvidence() { return std::make_unique<PauseEvidence>(); }
+
+}  // namespace
 
 std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display* display,
                                                             const FocusedText& focusedText) {

@@ -15,7 +15,6 @@
 
 #include <X11/Xlib.h>
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -35,25 +34,9 @@ public:
     virtual Batch confirmed() = 0;
     // Waits until `batch` has been handled; false when the wait gave up.
     virtual bool waitFor(Batch batch) = 0;
-    // Which source this is ("ping", "editor", "pause"), for diagnostics.
-    virtual const char* source() const = 0;
 };
 
 // The best evidence for the application that owns the keyboard focus.
 std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display*, const FocusedText&);
-
-// Evidence from the application that owns `window`, when it answers pings;
-// null otherwise. Exposed so that each source can be tested on its own.
-std::unique_ptr<HandledEvidence> pingEvidence(Display*, Window window);
-// Evidence read from `editor`; null without one.
-std::unique_ptr<HandledEvidence> editorEvidence(std::unique_ptr<EditorText> editor);
-std::unique_ptr<HandledEvidence> pauseEvidence();
-
-// How long one wait for a ping answer may take. Typing keeps at most a few
-// batches in flight, so an application that takes longer is stuck.
-inline constexpr std::chrono::milliseconds kPingPatience{5000};
-// How long the editor may show no progress before its wait gives up.
-inline constexpr std::chrono::milliseconds kEditorPatience{750};
-inline constexpr std::chrono::milliseconds kPause{60};
 
 }  // namespace quorvel::linux_backend

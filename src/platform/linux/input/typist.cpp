@@ -173,7 +173,6 @@ void Typist::flush() {
             keys.emplace_back(keycode, std::move(entry));
         }
         setKeys(keys);
-        remapCount_ += remaps_.size();
         remaps_.clear();
     }
     for (const KeyStroke& stroke : queued_) {

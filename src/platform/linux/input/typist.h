@@ -73,11 +73,6 @@ public:
     // Restores at once and lets a held termination signal act.
     void honourTermination();
 
-    // The source of evidence in use, or null before any spare keycode was
-    // needed, and the number of keycodes remapped so far (for tests).
-    const char* evidenceSource() const { return evidence_ ? evidence_->source() : nullptr; }
-    size_t remapCount() const { return remapCount_; }
-
 private:
     struct KeyEntry {  // one key's symbols, as the XKB client map holds them
         unsigned char types[XkbNumKbdGroups] = {};
@@ -104,7 +99,6 @@ private:
     HandledEvidence::Batch batch_ = 1;    // the batch being sent
     HandledEvidence::Batch assumed_ = 0;  // taken as handled after a wait gave up
     bool batchUsedSpare_ = false;
-    size_t remapCount_ = 0;
 };
 
 }  // namespace quorvel::linux_backend

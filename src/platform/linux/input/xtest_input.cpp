@@ -15,9 +15,7 @@
 namespace quorvel::linux_backend {
 namespace {
 
-constexpr EventFlags kFlagShift = 0x00020000;
-constexpr EventFlags kFlagControl = 0x00040000;
-constexpr EventFlags kFlagAlternate = 0x00080000;
+constexpr int kPixelsPerWheelStep = 50;
 
 struct VirtualKey {
     std::uint16_t code;
@@ -45,8 +43,7 @@ struct InputEvent final : EventObject {
     std::u32string text;
     // Mouse events.
     Point at;
-    // Scroll events.
-    ScrollUnit unit = ScrollUnit::Pixel;
+    // Scroll events: pixels.
     std::int32_t wheel = 0;
 };
 
@@ -69,18 +66,9 @@ std::optional<Chord> chordFor(std::uint16_t virtualKey, EventFlags flags) {
     for (const VirtualKey& candidate : kVirtualKeys)
         if (candidate.code == virtualKey) key = &candidate;
     if (!key) return std::nullopt;
-    Chord chord;
-    chord.keysym = key->keysym;
     bool command = (flags & kCGEventFlagMaskCommand) != 0;
-    chord.control = command || (flags & kFlagControl) != 0;
-    chord.alt = (flags & kFlagAlternate) != 0;
-    chord.shift = (flags & kFlagShift) != 0;
-    if (command && virtualKey == kVirtualKeyLeftBracket) {
-        chord.keysym = XK_Left;
-        chord.control = (flags & kFlagControl) != 0;
-        chord.alt = true;
-    }
-    return chord;
+    if (command && virtualKey == kVirtualKeyLeftBracket) return Chord{XK_Left, false, true};
+    return Chord{key->keysym, command, false};
 }
 
 XInput::XInput(FocusedText focusedText)
@@ -148,9 +136,9 @@ Event XInput::createMouseEvent(MouseEventType type, Point location, MouseButton 
 
 Event XInput::createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
                                      std::int32_t, std::int32_t) {
-    if (!connect() || wheelCount < 1) return nullptr;
+    // The core scrolls by pixels only.
+    if (!connect() || unit != ScrollUnit::Pixel || wheelCount < 1) return nullptr;
     auto event = std::make_unique<InputEvent>(InputEvent::Kind::Scroll);
-    event->unit = unit;
     event->wheel = wheel1;
     return event;
 }
@@ -208,7 +196,7 @@ void XInput::post(EventTap, EventObject& object) {
         add(chord->alt, XK_Alt_L);
         std::optional<KeyStroke> main = typist_->strokeFor(chord->keysym);
         if (!main) complete = false;
-        if (main && (chord->shift || main->shift)) {
+        if (main && main->shift) {
             if (KeyCode shift = typist_->shiftKeycode()) keys.push_back(shift);
             else complete = false;
         }
@@ -237,8 +225,7 @@ void XInput::post(EventTap, EventObject& object) {
     case InputEvent::Kind::Scroll: {
         // Positive amounts scroll toward the top of the content, as the
         // wheel turned away from the user does.
-        int steps = event->unit == ScrollUnit::Pixel ? wheelSteps(event->wheel)
-                                                     : static_cast<int>(std::abs(event->wheel));
+        int steps = wheelSteps(event->wheel);
         unsigned button = event->wheel > 0 ? kWheelUp : kWheelDown;
         for (int i = 0; i < steps; ++i) {
             XTestFakeButtonEvent(display, button, True, CurrentTime);

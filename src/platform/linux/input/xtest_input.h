@@ -30,10 +30,9 @@ namespace quorvel::linux_backend {
 
 class Typist;
 
-// One wheel step scrolls GTK and most toolkits by a few lines; a pixel
-// amount is turned into steps of this size, rounded, at least one.
-inline constexpr int kPixelsPerWheelStep = 50;
-// The number of wheel steps for a scroll of `pixels` (sign ignored).
+// The number of wheel steps for a scroll of `pixels` (sign ignored): one
+// step scrolls GTK and most toolkits by a few lines, so a pixel amount is
+// turned into steps of 50 pixels, rounded, at least one.
 int wheelSteps(std::int32_t pixels);
 
 // What a key event becomes on X: the key's keysym and the modifiers to hold.
@@ -44,7 +43,6 @@ struct Chord {
     unsigned long keysym = 0;
     bool control = false;
     bool alt = false;
-    bool shift = false;
 };
 std::optional<Chord> chordFor(std::uint16_t virtualKey, EventFlags flags);
 
@@ -68,9 +66,6 @@ public:
     void setIntegerValueField(EventObject&, EventField, std::int64_t);
     void post(EventTap, EventObject&);
     void prepareText(std::string_view utf8);
-
-    // The typing machinery, once text or a chord needed it (for tests).
-    Typist* typist() { return typist_.get(); }
 
 private:
     struct Connection;

@@ -84,17 +84,37 @@ std::optional<std::int64_t> process(xcb_connection_t* connection,
     return static_cast<std::int64_t>(pid->front());
 }
 
-bool contains(const std::optional<std::vector<std::uint32_t>>& list, xcb_atom_t atom) {
-    return list && std::find(list->begin(), list->end(), atom) != list->end();
-}
+// Layers of the window list. Normal windows are on layer 0, the only one the
+// foreground match accepts; the others keep panels, the desktop and windows
+// kept above or below out of it.
+constexpr std::int64_t kDesktopLayer = -20;
+constexpr std::int64_t kBelowLayer = -1;
+constexpr std::int64_t kNormalLayer = 0;
+constexpr std::int64_t kAboveLayer = 3;
+constexpr std::int64_t kDockLayer = 20;
 
-}  // namespace
+// _NET_FRAME_EXTENTS: what the window manager's frame adds on each side.
+struct FrameExtents {
+    long left = 0;
+    long right = 0;
+    long top = 0;
+    long bottom = 0;
+};
 
+
+// A client window's bounds with the frame around it, in root coordinates:
+// what GTK and the other toolkits report to AT-SPI as a top-level's extents.
 Rect framedBounds(int clientX, int clientY, int width, int height, const FrameExtents& frame) {
     return Rect{static_cast<double>(clientX - frame.left), static_cast<double>(clientY - frame.top),
                 static_cast<double>(width + frame.left + frame.right),
                 static_cast<double>(height + frame.top + frame.bottom)};
 }
+
+bool contains(const std::optional<std::vector<std::uint32_t>>& list, xcb_atom_t atom) {
+    return list && std::find(list->begin(), list->end(), atom) != list->end();
+}
+
+}  // namespace
 
 std::optional<std::int64_t> processOf(Display* display, unsigned long window) {
     xcb_connection_t* c = XGetXCBConnection(display);
@@ -168,7 +188,7 @@ std::optional<ActiveClient> XDisplay::activeClient() {
     xcb_window_t window = active->front();
     if (window != lastActive_) pid = process(c, askProcess(c, window, atom(kWmPid)));
     lastActive_ = window;
-    return ActiveClient{window, pid};
+    return ActiveClient{pid};
 }
 
 std::optional<std::string> XDisplay::rootTextProperty(const char* name) {

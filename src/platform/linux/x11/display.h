@@ -15,29 +15,6 @@ struct xcb_connection_t;
 
 namespace quorvel::linux_backend {
 
-using XWindowId = unsigned long;
-
-// Layers of the window list. Normal windows are on layer 0, the only one the
-// foreground match accepts; the others keep panels, the desktop and windows
-// kept above or below out of it.
-inline constexpr std::int64_t kDesktopLayer = -20;
-inline constexpr std::int64_t kBelowLayer = -1;
-inline constexpr std::int64_t kNormalLayer = 0;
-inline constexpr std::int64_t kAboveLayer = 3;
-inline constexpr std::int64_t kDockLayer = 20;
-
-// _NET_FRAME_EXTENTS: what the window manager's frame adds on each side.
-struct FrameExtents {
-    long left = 0;
-    long right = 0;
-    long top = 0;
-    long bottom = 0;
-};
-
-// A client window's bounds with the frame around it, in root coordinates:
-// what GTK and the other toolkits report to AT-SPI as a top-level's extents.
-Rect framedBounds(int clientX, int clientY, int width, int height, const FrameExtents&);
-
 // The process that owns the client window `window` (its _NET_WM_PID);
 // nothing when the window does not say.
 std::optional<std::int64_t> processOf(_XDisplay*, unsigned long window);
@@ -48,7 +25,6 @@ std::optional<std::int64_t> processOf(_XDisplay*, unsigned long window);
 std::vector<unsigned long> ancestry(_XDisplay*, unsigned long window);
 
 struct ActiveClient {
-    XWindowId window = 0;
     std::optional<std::int64_t> pid;
 };
 
@@ -62,8 +38,8 @@ public:
     // The connection to $DISPLAY, opened on first use; null without one.
     _XDisplay* get();
 
-    // _NET_ACTIVE_WINDOW and its _NET_WM_PID; empty when no window is
-    // active.
+    // The process of _NET_ACTIVE_WINDOW (its _NET_WM_PID); empty when no
+    // window is active.
     std::optional<ActiveClient> activeClient();
     // The on-screen windows, front to back (_NET_CLIENT_LIST_STACKING);
     // empty when the window manager publishes no list. An entry's number is
