@@ -1,19 +1,26 @@
 // The AT-SPI side's rules that the end-to-end tests cannot reach, checked
 // without a desktop: AT-SPI facts to accessibility attributes, the reading
-// of malformed AT-SPI replies, and finding the accessibility bus without
-// starting anything.
+// of malformed replies, the reuse of answers about a child list, the index
+// of an application's cache, the direct link's matching of replies, and
+// finding the accessibility bus without starting anything.
 #include <gtest/gtest.h>
 
 #include <atspi/atspi-constants.h>
 #include <dbus/dbus.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <climits>
+#include <functional>
 #include <map>
 
 #include "platform/linux/atspi/bus.h"
-#include "platform/linux/atspi/methods.h"
+#include "platform/linux/atspi/child_lists.h"
+#include "platform/linux/atspi/direct_link.h"
 #include "platform/linux/atspi/element_facts.h"
+#include "platform/linux/atspi/methods.h"
+#include "platform/linux/atspi/tree_snapshot.h"
 
 namespace quorvel::linux_backend {
 namespace {
@@ -29,109 +36,83 @@ class ScriptedFacts final : public ElementFacts {
 public:
     std::optional<int> roleValue;
     std::optional<StateBits> statesValue;
-    std::optional<std::string> nameValue, descriptionValue, textValue;
+    std::optional<std::string> textValue;
     std::optional<Extents> extentsValue;
     std::optional<double> valueValue;
     std::map<std::string, int> asked;
 
     std::optional<int> role() override { return ++asked["role"], roleValue; }
     std::optional<StateBits> states() override { return ++asked["states"], statesValue; }
-    std::optional<std::string> name() override { return ++asked["name"], nameValue; }
-    std::optional<std::string> description() override {
-        return ++asked["description"], descriptionValue;
-    }
+    std::optional<std::string> name() override { return ++asked["name"], std::nullopt; }
+    std::optional<std::string> description() override { return ++asked["description"], std::nullopt; }
     std::optional<Extents> extents() override { return ++asked["extents"], extentsValue; }
     std::optional<std::string> text() override { return ++asked["text"], textValue; }
     std::optional<double> currentValue() override { return ++asked["value"], valueValue; }
     std::optional<ElementList> children() override { return ++asked["children"], std::nullopt; }
 };
 
-// The end-to-end tests see the plain mappings and the single- and
-// multi-line text roles on real widgets; these are the rest: the secure
-// subrole, and AT-SPI's own name for a role without an equivalent.
-TEST(Attributes, RolesMapToTheSharedVocabulary) {
+// A read as text: its value, or "error N".
+std::string outcome(const AttributeRead& read) {
+    if (read.code != kAXErrorSuccess) return "error " + std::to_string(read.code);
+    if (auto* text = std::get_if<std::string>(&read.value)) return *text;
+    if (auto* flag = std::get_if<bool>(&read.value)) return *flag ? "true" : "false";
+    if (auto* number = std::get_if<double>(&read.value)) return std::to_string(*number);
+    return "other";
+}
+
+// The end-to-end tests see the plain role mappings, text values, extents
+// and children on real widgets; these are the rest.
+TEST(Attributes, FactsBecomeAttributesOrFailWithoutGuessing) {
+    const std::string cannot = "error " + std::to_string(kAXErrorCannotComplete),
+                      noValue = "error " + std::to_string(kAXErrorNoValue),
+                      unsupported = "error " + std::to_string(kAXErrorAttributeUnsupported);
+    const StateBits enabled = states({ATSPI_STATE_ENABLED}),
+                    sensitive = states({ATSPI_STATE_SENSITIVE}),
+                    editable = states({ATSPI_STATE_EDITABLE});
     struct {
-        int role;
-        StateBits states;
-        const char* axRole;
-        const char* axSubrole;  // null: no subrole
+        std::optional<int> role;
+        std::optional<StateBits> states;
+        const char* attribute;
+        std::string read;
     } cases[] = {
-        {ATSPI_ROLE_PASSWORD_TEXT, states({ATSPI_STATE_SINGLE_LINE}), "AXTextField",
-         "AXSecureTextField"},
-        {ATSPI_ROLE_PUSH_BUTTON, 0, "AXButton", nullptr},
-        {ATSPI_ROLE_LIST_ITEM, 0, "list item", nullptr},
+        {ATSPI_ROLE_PASSWORD_TEXT, 0, "AXRole", "AXTextField"},
+        {ATSPI_ROLE_PASSWORD_TEXT, 0, "AXSubrole", "AXSecureTextField"},
+        {ATSPI_ROLE_PASSWORD_TEXT, 0, "AXValue", unsupported},  // never asked for its text
+        {ATSPI_ROLE_PUSH_BUTTON, 0, "AXSubrole", noValue},
+        {ATSPI_ROLE_PUSH_BUTTON, 0, "AXValue", noValue},
+        {ATSPI_ROLE_SLIDER, 0, "AXValue", "0.250000"},
+        {ATSPI_ROLE_LIST_ITEM, 0, "AXRole", "list item"},  // AT-SPI's own name
+        {{}, enabled, "AXEnabled", "true"},
+        {{}, sensitive, "AXEnabled", "true"},
+        {{}, editable, "AXEnabled", "false"},
+        {{}, editable, "AXEditable", "true"},
+        {{}, sensitive, "AXEditable", "false"},
+        // Nothing known, as from an application that timed out.
+        {{}, {}, "AXRole", cannot},
+        {{}, {}, "AXSubrole", cannot},
+        {{}, {}, "AXValue", cannot},
+        {{}, {}, "AXTitle", cannot},
+        {{}, {}, "AXDescription", cannot},
+        {{}, {}, "AXPosition", noValue},
+        {{}, {}, "AXEnabled", cannot},
+        {{}, {}, "AXEditable", cannot},
+        {{}, {}, "AXChildren", cannot},
+        {ATSPI_ROLE_PUSH_BUTTON, 0, "AXNoSuchThing", unsupported},
     };
     for (const auto& c : cases) {
         ScriptedFacts facts;
         facts.roleValue = c.role;
         facts.statesValue = c.states;
-        AttributeRead role = readAttribute(facts, "AXRole");
-        AttributeRead subrole = readAttribute(facts, "AXSubrole");
-        ASSERT_EQ(role.code, kAXErrorSuccess) << c.axRole;
-        EXPECT_EQ(std::get<std::string>(role.value), c.axRole);
-        EXPECT_EQ(subrole.code == kAXErrorSuccess ? std::get<std::string>(subrole.value) : "-",
-                  c.axSubrole ? c.axSubrole : "-")
-            << c.axRole;
+        facts.textValue = "hunter2";
+        if (c.role == ATSPI_ROLE_SLIDER) facts.valueValue = 0.25;
+        EXPECT_EQ(outcome(readAttribute(facts, c.attribute)), c.read)
+            << c.attribute << " of role " << c.role.value_or(-1);
+        EXPECT_EQ(facts.asked["text"], 0) << c.attribute;  // no text role here
     }
-}
-
-TEST(Attributes, PasswordTextIsNeverAskedForWhoeverAsks) {
-    ScriptedFacts facts;
-    facts.roleValue = ATSPI_ROLE_PASSWORD_TEXT;
-    facts.textValue = "hunter2";
-    AttributeRead value = readAttribute(facts, "AXValue");
-    EXPECT_NE(value.code, kAXErrorSuccess);
-    EXPECT_TRUE(std::holds_alternative<std::monostate>(value.value));
-    EXPECT_EQ(facts.asked["text"], 0);
-}
-
-// Text roles' values are seen end to end.
-TEST(Attributes, ValueIsTheNumberOfOtherRolesThatHaveOne) {
-    ScriptedFacts slider;
-    slider.roleValue = ATSPI_ROLE_SLIDER;
-    slider.valueValue = 0.25;
-    AttributeRead number = readAttribute(slider, "AXValue");
-    ASSERT_EQ(number.code, kAXErrorSuccess);
-    EXPECT_EQ(std::get<double>(number.value), 0.25);
-    EXPECT_EQ(slider.asked["text"], 0);
-
-    ScriptedFacts button;
-    button.roleValue = ATSPI_ROLE_PUSH_BUTTON;
-    EXPECT_EQ(readAttribute(button, "AXValue").code, kAXErrorNoValue);
-}
-
-TEST(Attributes, UnreadableFactsFailTheReadInsteadOfGuessing) {
-    ScriptedFacts silent;  // every fact missing, as from an application that timed out
-    for (const char* attribute : {"AXRole", "AXSubrole", "AXValue", "AXTitle", "AXDescription",
-                                  "AXPosition", "AXSize", "AXEnabled", "AXEditable",
-                                  "AXChildren"})
-        EXPECT_NE(readAttribute(silent, attribute).code, kAXErrorSuccess) << attribute;
-    EXPECT_EQ(readAttribute(silent, "AXNoSuchThing").code, kAXErrorAttributeUnsupported);
-}
-
-TEST(Attributes, AnUnplacedWidgetHasNoFrame) {
+    // GTK's position for a widget that is not drawn: it has no frame.
     ScriptedFacts hidden;
-    hidden.extentsValue = Extents{INT_MIN, INT_MIN, 100, 20};  // GTK's answer for one not drawn
-    EXPECT_NE(readAttribute(hidden, "AXPosition").code, kAXErrorSuccess);
-    EXPECT_NE(readAttribute(hidden, "AXSize").code, kAXErrorSuccess);
-}
-
-TEST(Attributes, EnabledAndEditableComeFromStates) {
-    struct Case {
-        StateBits states;
-        bool enabled, editable;
-    } cases[] = {
-        {states({ATSPI_STATE_ENABLED, ATSPI_STATE_SENSITIVE}), true, false},
-        {states({ATSPI_STATE_SENSITIVE}), true, false},
-        {states({ATSPI_STATE_EDITABLE}), false, true},
-        {0, false, false},
-    };
-    for (const Case& c : cases) {
-        ScriptedFacts facts;
-        facts.statesValue = c.states;
-        EXPECT_EQ(std::get<bool>(readAttribute(facts, "AXEnabled").value), c.enabled);
-        EXPECT_EQ(std::get<bool>(readAttribute(facts, "AXEditable").value), c.editable);
-    }
+    hidden.extentsValue = Extents{INT_MIN, INT_MIN, 100, 20};
+    EXPECT_EQ(outcome(readAttribute(hidden, "AXSize")), noValue);
 }
 
 // A method return holding what an application would answer.
@@ -144,23 +125,28 @@ Message reply(const std::function<void(DBusMessageIter*)>& fill) {
     return message;
 }
 
-TEST(Replies, StatesSpanBothWords) {
-    Message message = reply([](DBusMessageIter* iter) {
-        DBusMessageIter words;
-        dbus_message_iter_open_container(iter, DBUS_TYPE_ARRAY, "u", &words);
+TEST(Replies, AreReadOnlyInTheShapeTheMethodAnswersIn) {
+    Message words = reply([](DBusMessageIter* iter) {
+        DBusMessageIter list;
+        dbus_message_iter_open_container(iter, DBUS_TYPE_ARRAY, "u", &list);
         dbus_uint32_t low = 1u << ATSPI_STATE_FOCUSED, high = 1u << (ATSPI_STATE_READ_ONLY - 32);
-        dbus_message_iter_append_basic(&words, DBUS_TYPE_UINT32, &low);
-        dbus_message_iter_append_basic(&words, DBUS_TYPE_UINT32, &high);
-        dbus_message_iter_close_container(iter, &words);
+        dbus_message_iter_append_basic(&list, DBUS_TYPE_UINT32, &low);
+        dbus_message_iter_append_basic(&list, DBUS_TYPE_UINT32, &high);
+        dbus_message_iter_close_container(iter, &list);
     });
-    std::optional<StateBits> bits = parseStates(message.get());
-    ASSERT_TRUE(bits);
-    EXPECT_TRUE(hasState(*bits, ATSPI_STATE_FOCUSED));
-    EXPECT_TRUE(hasState(*bits, ATSPI_STATE_READ_ONLY));
-    EXPECT_FALSE(hasState(*bits, ATSPI_STATE_ACTIVE));
-}
+    EXPECT_EQ(parseStates(words.get()), states({ATSPI_STATE_FOCUSED, ATSPI_STATE_READ_ONLY}));
 
-TEST(Replies, AReplyOfAnotherShapeIsNoAnswer) {
+    // A property is read only when the variant holds the property's type.
+    Message offset = reply([](DBusMessageIter* iter) {
+        DBusMessageIter variant;
+        dbus_int32_t value = 7;
+        dbus_message_iter_open_container(iter, DBUS_TYPE_VARIANT, "i", &variant);
+        dbus_message_iter_append_basic(&variant, DBUS_TYPE_INT32, &value);
+        dbus_message_iter_close_container(iter, &variant);
+    });
+    EXPECT_EQ(parseCaretOffset(offset.get()), 7);
+    EXPECT_FALSE(parseCurrentValue(offset.get()));
+
     Message text = reply([](DBusMessageIter* iter) {
         const char* value = "not a role";
         dbus_message_iter_append_basic(iter, DBUS_TYPE_STRING, &value);
@@ -171,6 +157,105 @@ TEST(Replies, AReplyOfAnotherShapeIsNoAnswer) {
     EXPECT_FALSE(parseRole(nullptr));
     Message error(dbus_message_new(DBUS_MESSAGE_TYPE_ERROR));
     EXPECT_FALSE(parseText(error.get()));
+}
+
+// The answers asked along with a list serve only while the list is exactly
+// the one they were asked about.
+TEST(ChildLists, AnswersServeOnlyAnUnchangedList) {
+    const ObjectRef app{":1.5", "/root"}, sameOnAnotherBus{":1.6", "/root"};
+    const ObjectRef a{":1.5", "/a"}, b{":1.5", "/b"};
+    ChildLists lists;
+    EXPECT_TRUE(lists.last(app).empty());
+    EXPECT_FALSE(lists.unchanged(app, {a, b}));
+    EXPECT_EQ(lists.last(app), (std::vector<ObjectRef>{a, b}));
+    EXPECT_TRUE(lists.unchanged(app, {a, b}));
+    EXPECT_TRUE(lists.last(sameOnAnotherBus).empty());
+    EXPECT_FALSE(lists.unchanged(app, {b, a}));  // reordered
+    EXPECT_FALSE(lists.unchanged(app, {b}));
+    EXPECT_TRUE(lists.unchanged(app, {b}));
+}
+
+// Only children lists that the cache accounts for in full are taken from it.
+TEST(CacheIndex, KeepsOnlyTheListsTheCacheAccountsForInFull) {
+    auto item = [](const char* path, const char* parent, int index, int childCount,
+                   const char* bus = ":1.5") {
+        CacheItem i;
+        i.ref = {bus, path};
+        i.parent = {bus, parent};
+        i.index = index;
+        i.childCount = childCount;
+        return i;
+    };
+    CacheIndex index = indexCache(
+        {
+            item("/whole", "/", -1, 2), item("/w1", "/whole", 1, 0), item("/w0", "/whole", 0, 0),
+            item("/hole", "/", -1, 2), item("/h0", "/hole", 0, -1),
+            item("/twice", "/", -1, 1), item("/t0", "/twice", 0, 0), item("/t0b", "/twice", 0, 0),
+            item("/beyond", "/", -1, 1), item("/b0", "/beyond", 0, 0), item("/b5", "/beyond", 5, 0),
+            item("/unsaid", "/", -1, -1), item("/u0", "/unsaid", 0, 0),
+            item("/elsewhere", "/", -1, 1), item("/e0", "/elsewhere", 0, 0, ":1.9"),
+        },
+        ":1.5");
+    auto list = [&](const char* path) -> std::string {
+        auto found = index.children.find(path);
+        if (found == index.children.end()) return "asked";
+        std::string paths;
+        for (const ObjectRef& child : found->second) paths += child.path;
+        return paths;
+    };
+    EXPECT_EQ(list("/whole"), "/w0/w1");
+    EXPECT_EQ(list("/w0"), "");  // no children at all
+    EXPECT_EQ(list("/h0"), "asked");
+    for (const char* parent : {"/hole", "/twice", "/beyond", "/unsaid", "/elsewhere"})
+        EXPECT_EQ(list(parent), "asked") << parent;
+    EXPECT_EQ(index.items.count("/e0"), 0u);  // another application's object
+}
+
+// Replies come back matched to their calls by serial number, in the order of
+// the calls, whatever order the application answers in and whatever else it
+// sends; a call left unanswered times out and breaks the link.
+TEST(DirectLink, MatchesRepliesToCallsBySerial) {
+    int sockets[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+    std::unique_ptr<DirectLink> link = DirectLink::adopt(sockets[0]);
+    auto send = [&](int type, dbus_uint32_t replyTo, const char* text) {
+        Message m(dbus_message_new(type));
+        if (type == DBUS_MESSAGE_TYPE_SIGNAL) {
+            dbus_message_set_path(m.get(), "/x");
+            dbus_message_set_interface(m.get(), "org.x");
+            dbus_message_set_member(m.get(), "Changed");
+        } else {
+            dbus_message_set_reply_serial(m.get(), replyTo);
+        }
+        if (type == DBUS_MESSAGE_TYPE_ERROR) dbus_message_set_error_name(m.get(), "org.x.Error");
+        dbus_message_set_serial(m.get(), 1000 + replyTo);
+        dbus_message_append_args(m.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+        char* bytes = nullptr;
+        int length = 0;
+        ASSERT_TRUE(dbus_message_marshal(m.get(), &bytes, &length));
+        ASSERT_EQ(write(sockets[1], bytes, length), length);
+        dbus_free(bytes);
+    };
+    // The link numbers its calls from 1; the application answers the third
+    // first, sends a signal and a reply to no call of ours, and refuses the
+    // second; the fourth call is never answered.
+    send(DBUS_MESSAGE_TYPE_METHOD_RETURN, 3, "third");
+    send(DBUS_MESSAGE_TYPE_SIGNAL, 0, "signal");
+    send(DBUS_MESSAGE_TYPE_METHOD_RETURN, 99, "stray");
+    send(DBUS_MESSAGE_TYPE_METHOD_RETURN, 1, "first");
+    send(DBUS_MESSAGE_TYPE_ERROR, 2, "refused");
+    std::vector<Message> calls;
+    for (int i = 0; i < 4; ++i) calls.push_back(textCall({":1.5", "/o"}));
+    bool timedOut = false;
+    std::vector<Message> replies = link->exchange(std::move(calls), 200, timedOut);
+    ASSERT_EQ(replies.size(), 4u);
+    EXPECT_EQ(parseText(replies[0].get()), "first");
+    EXPECT_FALSE(replies[1]);
+    EXPECT_EQ(parseText(replies[2].get()), "third");
+    EXPECT_FALSE(replies[3]);
+    EXPECT_TRUE(timedOut);
+    EXPECT_TRUE(link->broken());
+    close(sockets[1]);
 }
 
 // Restores the environment variables a test changes.
@@ -216,14 +301,10 @@ TEST_F(Environment, TheBusIsFoundInOrderAndNothingIsStarted) {
         EXPECT_EQ(accessibilityBusAddress(c.onTheRootWindow ? rootWindow : nullptr, 100), c.found)
             << "case " << &c - cases;
     }
-}
-
-TEST(BusAddresses, ThoseThatStartProcessesAreRecognised) {
-    EXPECT_TRUE(startsProcess("autolaunch:"));
-    EXPECT_TRUE(startsProcess("unix:path=/nonexistent;autolaunch:"));
-    EXPECT_TRUE(startsProcess("systemd:"));
-    EXPECT_FALSE(startsProcess("unix:path=/run/user/0/bus"));
-    EXPECT_FALSE(startsProcess("unix:abstract=/tmp/dbus-x,guid=1"));
+    for (const char* starts : {"autolaunch:", "unix:path=/nonexistent;autolaunch:", "systemd:"})
+        EXPECT_TRUE(startsProcess(starts)) << starts;
+    for (const char* plain : {"unix:path=/run/user/0/bus", "unix:abstract=/tmp/dbus-x,guid=1"})
+        EXPECT_FALSE(startsProcess(plain)) << plain;
 }
 
 }  // namespace

@@ -151,11 +151,12 @@ bool Accessibility::reachable() {
 std::optional<Accessibility::ChildReplies> Accessibility::askChildren(
     const ObjectRef& parent, Message (*ask)(const ObjectRef&), Message extra) {
     DBusConnection* bus = atspi_get_a11y_bus();
-    std::vector<ObjectRef>& known = lastChildren_[{parent.bus, parent.path}];
+    const std::vector<ObjectRef>& known = children_.last(parent);
     CallBatch batch(bus, timeoutMs_);
     size_t list = batch.add(childrenCall(parent));
     size_t first = batch.size();
     for (const ObjectRef& child : known) batch.add(ask(child));
+    size_t asked = known.size();
     size_t extraCall = extra ? batch.add(std::move(extra)) : 0;
     batch.wait();
     auto children = parseChildren(batch.reply(list));
@@ -163,14 +164,13 @@ std::optional<Accessibility::ChildReplies> Accessibility::askChildren(
 
     ChildReplies result;
     if (extraCall) result.extra = batch.take(extraCall);
-    if (*children == known) {
-        for (size_t i = 0; i < known.size(); ++i) result.replies.push_back(batch.take(first + i));
+    if (children_.unchanged(parent, *children)) {
+        for (size_t i = 0; i < asked; ++i) result.replies.push_back(batch.take(first + i));
     } else {
         CallBatch again(bus, timeoutMs_);
         for (const ObjectRef& child : *children) again.add(ask(child));
         again.wait();
         for (size_t i = 0; i < children->size(); ++i) result.replies.push_back(again.take(i));
-        known = *children;
     }
     result.children = std::move(*children);
     return result;

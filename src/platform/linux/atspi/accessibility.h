@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "platform/linux/atspi/accessible_element.h"
+#include "platform/linux/atspi/child_lists.h"
 #include "platform/linux/atspi/message.h"
 #include "platform/platform.h"
 
@@ -105,7 +106,7 @@ private:
     std::map<std::string, std::unique_ptr<DirectLink>> links_;
     // Which children each parent had when last asked, and which window of
     // each application was active: whom to ask along with the next list.
-    std::map<std::pair<std::string, std::string>, std::vector<ObjectRef>> lastChildren_;
+    ChildLists children_;
     std::map<std::string, ObjectRef> lastActive_;
     std::unique_ptr<TreeSnapshot> snapshot_;
     bool scanning_ = false;

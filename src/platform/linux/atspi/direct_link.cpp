@@ -105,7 +105,7 @@ std::unique_ptr<DirectLink> DirectLink::open(const std::string& address, int tim
     if (path.empty() || path.size() >= sizeof socketAddress.sun_path) return nullptr;
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return nullptr;
-    std::unique_ptr<DirectLink> link(new DirectLink(fd));
+    std::unique_ptr<DirectLink> link = adopt(fd);
     socketAddress.sun_family = AF_UNIX;
     std::memcpy(socketAddress.sun_path, path.data(), path.size());
     socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() +

@@ -25,6 +25,11 @@ public:
     // Connects to `address` ("unix:path=..." or "unix:abstract=...") and
     // authenticates as this process's user. Null when that fails.
     static std::unique_ptr<DirectLink> open(const std::string& address, int timeoutMs);
+    // A link over `fd`, a connected socket past authentication, which the
+    // link then owns.
+    static std::unique_ptr<DirectLink> adopt(int fd) {
+        return std::unique_ptr<DirectLink>(new DirectLink(fd));
+    }
     ~DirectLink();
     DirectLink(const DirectLink&) = delete;
     DirectLink& operator=(const DirectLink&) = delete;

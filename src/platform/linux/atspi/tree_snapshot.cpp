@@ -58,15 +58,10 @@ private:
     ElementFacts& live_;
 };
 
-// The application's cache, indexed: each object by path, and the children
-// lists it fully accounts for (every position filled, none twice).
-struct Cache {
-    std::unordered_map<std::string, CacheItem> items;
-    std::unordered_map<std::string, std::vector<ObjectRef>> children;
-};
+}  // namespace
 
-Cache indexCache(std::vector<CacheItem> items, const std::string& bus) {
-    Cache cache;
+CacheIndex indexCache(std::vector<CacheItem> items, const std::string& bus) {
+    CacheIndex cache;
     for (CacheItem& item : items)
         if (item.ref.bus == bus) cache.items.emplace(item.ref.path, std::move(item));
     std::unordered_map<std::string, std::vector<ObjectRef>> slots;
@@ -93,12 +88,10 @@ Cache indexCache(std::vector<CacheItem> items, const std::string& bus) {
     return cache;
 }
 
-}  // namespace
-
 TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
                            int timeoutMs, size_t limit)
     : bus_(root.bus) {
-    Cache cache;
+    CacheIndex cache;
     {
         CallBatch batch(bus, timeoutMs, link);
         batch.add(cacheItemsCall(bus_));

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "platform/linux/atspi/element_facts.h"
 #include "platform/linux/atspi/message.h"
@@ -22,6 +23,15 @@
 namespace quorvel::linux_backend {
 
 class DirectLink;
+
+// The application's cache, indexed: each object of application `bus` by
+// path, and the children lists the cache fully accounts for (every position
+// filled, none twice); any other list is asked of the application.
+struct CacheIndex {
+    std::unordered_map<std::string, CacheItem> items;
+    std::unordered_map<std::string, std::vector<ObjectRef>> children;
+};
+CacheIndex indexCache(std::vector<CacheItem> items, const std::string& bus);
 
 class TreeSnapshot {
 public:
