@@ -61,13 +61,6 @@ TEST(Observe, FocusedElementFillsTheContext) {
              Case{"focus_outside_the_window",
                   [](StandardScene& s) { s.focus(s.desktop.add({{"AXRole", std::string("AXButton")}})); },
                   "AXButton", "", "Fake Editor"},
-             Case{"password_field",
-                  [](StandardScene& s) {
-                      s.focus(s.desktop.add({{"AXRole", std::string("AXTextField")},
-                                             {"AXSubrole", std::string("AXSecureTextField")},
-                                             {"AXValue", std::string("hunter2")}}));
-                  },
-                  "AXTextField", "", "Fake Editor"},
          }) {
         FakeDesktop desktop;
         StandardScene scene(desktop);

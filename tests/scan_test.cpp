@@ -30,24 +30,6 @@ struct Scanned {
     const Json& node(size_t i) const { return result.nodes.at(i); }
 };
 
-TEST(Scan, NumbersChildrenBreadthFirstAfterAllChildrenOfTheEarlierElement) {
-    Scanned s([](FakeDesktop& d, ElementId root) {
-        std::vector<ElementId> e;
-        for (int i = 0; i < 5; ++i) e.push_back(d.add({{"AXTitle", std::string("e").append(std::to_string(i))}}));
-        d.setChildren(root, {e[0], e[1]});
-        d.setChildren(e[0], {e[2], e[3]});
-        d.setChildren(e[1], {e[4]});
-    });
-    std::vector<std::string> seen;
-    for (const Json& n : s.result.nodes)
-        seen.push_back(n.at("id").get<std::string>() + "<" +
-                       (n.at("parent_id").is_null() ? "-" : n.at("parent_id").get<std::string>()) +
-                       ":" + n.at("name").get<std::string>());
-    EXPECT_EQ(seen, (std::vector<std::string>{"ax-0<-:Document", "ax-1<ax-0:e0", "ax-2<ax-0:e1",
-                                              "ax-3<ax-1:e2", "ax-4<ax-1:e3", "ax-5<ax-2:e4"}));
-    EXPECT_EQ(s.result.text, "Document  e0  e1  e2  e3  e4 ");
-}
-
 TEST(Scan, StopsAt1200AndNeverReadsWhatDoesNotFit) {
     std::vector<ElementId> tree;
     Scanned s([&tree](FakeDesktop& d, ElementId root) { tree = d.addTree(root, 5000, 4); });
@@ -175,20 +157,6 @@ TEST(Scan, RecordFieldsFallBackOneByOne) {
     // An invisible element's children are still visited.
     EXPECT_EQ(s.node(6).at("name"), "under the hidden one");
     EXPECT_EQ(s.node(6).at("parent_id"), "ax-1");
-}
-
-TEST(Scan, ChildrenThatAreNotAListOfElementsAddNothing) {
-    for (AttributeRead children : {AttributeRead{kAXErrorSuccess, Other{}},
-                                   AttributeRead{kAXErrorSuccess, std::string("kids")},
-                                   AttributeRead{kAXErrorFailure, ElementList{}}}) {
-        FakeDesktop desktop;
-        StandardScene scene(desktop);
-        if (std::holds_alternative<ElementList>(children.value))
-            children.value = ElementList{desktop.handle(desktop.add())};
-        desktop.set(scene.window, "AXChildren", children.value, children.code);
-        EXPECT_EQ(scan(desktop, foreground(desktop)).nodes.size(), 1u);
-        EXPECT_EQ(desktop.unreleased(), 0);
-    }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// The scroll action: the pointer rule and the scope check. The clamp and the
-// defaults of the amount are decoded requests (bad_input_test).
+// The scroll action's pointer rule. The clamp and the defaults of the amount
+// are decoded requests (bad_input_test); the scope check is the fault
+// matrix's.
 #include <gtest/gtest.h>
 
 #include "bridge/scroll.h"
@@ -35,16 +36,6 @@ TEST(Scroll, ScrollsOnlyWithThePointerInsideTheFrameAndNeverMovesIt) {
             << c.name;
         EXPECT_EQ(desktop.count("pointerLocation"), 1) << c.name;
     }
-}
-
-TEST(Scroll, StaleScopeIsRefusedBeforeThePointerIsRead) {
-    FakeDesktop desktop;
-    StandardScene scene(desktop);
-    desktop.pointer = Point{500, 300};
-    scene.moveWindow(1, 0);
-    EXPECT_EQ(failureOf([&] { scroll(desktop, 10, standardScope()); }), msg::kChanged);
-    EXPECT_EQ(desktop.count("pointerLocation"), 0);
-    EXPECT_TRUE(desktop.posted.empty());
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Unicode measures: UTF-16 length, scalar decoding of ill-formed input,
-// grapheme-cluster cuts and canonical equivalence.
+// encodings, grapheme-cluster cuts and canonical equivalence.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -32,6 +32,21 @@ TEST(Decode, GivesOneReplacementPerMaximalSubpart) {
         for (char32_t cp : expected) units += cp > 0xFFFF ? 2 : 1;
         EXPECT_EQ(utf16Length(input), units) << PrintToString(input);
     }
+}
+
+// The encoders and the UTF-16 decoder at every length boundary, and unpaired
+// surrogates read as U+FFFD.
+TEST(Encodings, RoundTripAtEveryLengthBoundary) {
+    const std::u32string boundaries = U"\u007F\u0080\u07FF\u0800\uFFFF\U00010000\U0010FFFF";
+    const std::string bytes = utf8(boundaries);
+    EXPECT_EQ(bytes, "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF\xF0\x90\x80\x80\xF4\x8F\xBF\xBF");
+    EXPECT_TRUE(scalars(bytes) == boundaries);
+    std::u16string units;
+    for (char32_t c : boundaries) appendUtf16(units, c);
+    EXPECT_TRUE(units == u"\u007F\u0080\u07FF\u0800\uFFFF\U00010000\U0010FFFF");
+    EXPECT_EQ(utf16Length(bytes), units.size());
+    EXPECT_TRUE(scalars(units) == boundaries);
+    EXPECT_TRUE(scalars(u"a\xD800" u"b\xDC00\xD800") == U"a\uFFFDb\uFFFD\uFFFD");
 }
 
 TEST(GraphemeCut, KeepsWholeUserPerceivedCharacters) {
