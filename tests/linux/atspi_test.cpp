@@ -13,7 +13,7 @@
 
 #include <climits>
 #include <functional>
-#include <map>
+#include <optional>
 
 #include "platform/linux/atspi/bus.h"
 #include "platform/linux/atspi/child_lists.h"
@@ -31,24 +31,22 @@ StateBits states(std::initializer_list<int> list) {
     return bits;
 }
 
-// Facts as a test scripts them; records which ones were asked for.
-class ScriptedFacts final : public ElementFacts {
-public:
+// Facts as a test scripts them; counts how often the text was asked for.
+struct ScriptedFacts final : ElementFacts {
     std::optional<int> roleValue;
     std::optional<StateBits> statesValue;
-    std::optional<std::string> textValue;
     std::optional<Extents> extentsValue;
     std::optional<double> valueValue;
-    std::map<std::string, int> asked;
+    int textAsked = 0;
 
-    std::optional<int> role() override { return ++asked["role"], roleValue; }
-    std::optional<StateBits> states() override { return ++asked["states"], statesValue; }
-    std::optional<std::string> name() override { return ++asked["name"], std::nullopt; }
-    std::optional<std::string> description() override { return ++asked["description"], std::nullopt; }
-    std::optional<Extents> extents() override { return ++asked["extents"], extentsValue; }
-    std::optional<std::string> text() override { return ++asked["text"], textValue; }
-    std::optional<double> currentValue() override { return ++asked["value"], valueValue; }
-    std::optional<ElementList> children() override { return ++asked["children"], std::nullopt; }
+    std::optional<int> role() override { return roleValue; }
+    std::optional<StateBits> states() override { return statesValue; }
+    std::optional<std::string> name() override { return std::nullopt; }
+    std::optional<std::string> description() override { return std::nullopt; }
+    std::optional<Extents> extents() override { return extentsValue; }
+    std::optional<std::string> text() override { return ++textAsked, "hunter2"; }
+    std::optional<double> currentValue() override { return valueValue; }
+    std::optional<ElementList> children() override { return std::nullopt; }
 };
 
 // A read as text: its value, or "error N".
@@ -103,11 +101,10 @@ TEST(Attributes, FactsBecomeAttributesOrFailWithoutGuessing) {
         ScriptedFacts facts;
         facts.roleValue = c.role;
         facts.statesValue = c.states;
-        facts.textValue = "hunter2";
         if (c.role == ATSPI_ROLE_SLIDER) facts.valueValue = 0.25;
         EXPECT_EQ(outcome(readAttribute(facts, c.attribute)), c.read)
             << c.attribute << " of role " << c.role.value_or(-1);
-        EXPECT_EQ(facts.asked["text"], 0) << c.attribute;  // no text role here
+        EXPECT_EQ(facts.textAsked, 0) << c.attribute;  // no text role here
     }
     // GTK's position for a widget that is not drawn: it has no frame.
     ScriptedFacts hidden;
@@ -219,14 +216,9 @@ TEST(DirectLink, MatchesRepliesToCallsBySerial) {
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
     std::unique_ptr<DirectLink> link = DirectLink::adopt(sockets[0]);
     auto send = [&](int type, dbus_uint32_t replyTo, const char* text) {
-        Message m(dbus_message_new(type));
-        if (type == DBUS_MESSAGE_TYPE_SIGNAL) {
-            dbus_message_set_path(m.get(), "/x");
-            dbus_message_set_interface(m.get(), "org.x");
-            dbus_message_set_member(m.get(), "Changed");
-        } else {
-            dbus_message_set_reply_serial(m.get(), replyTo);
-        }
+        Message m(type == DBUS_MESSAGE_TYPE_SIGNAL ? dbus_message_new_signal("/x", "org.x", "Changed")
+                                                   : dbus_message_new(type));
+        dbus_message_set_reply_serial(m.get(), replyTo);
         if (type == DBUS_MESSAGE_TYPE_ERROR) dbus_message_set_error_name(m.get(), "org.x.Error");
         dbus_message_set_serial(m.get(), 1000 + replyTo);
         dbus_message_append_args(m.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
@@ -237,10 +229,10 @@ TEST(DirectLink, MatchesRepliesToCallsBySerial) {
         dbus_free(bytes);
     };
     // The link numbers its calls from 1; the application answers the third
-    // first, sends a signal and a reply to no call of ours, and refuses the
-    // second; the fourth call is never answered.
+    // first, sends a signal that names the first and a reply to no call of
+    // ours, and refuses the second; the fourth call is never answered.
     send(DBUS_MESSAGE_TYPE_METHOD_RETURN, 3, "third");
-    send(DBUS_MESSAGE_TYPE_SIGNAL, 0, "signal");
+    send(DBUS_MESSAGE_TYPE_SIGNAL, 1, "signal");
     send(DBUS_MESSAGE_TYPE_METHOD_RETURN, 99, "stray");
     send(DBUS_MESSAGE_TYPE_METHOD_RETURN, 1, "first");
     send(DBUS_MESSAGE_TYPE_ERROR, 2, "refused");
@@ -258,26 +250,12 @@ TEST(DirectLink, MatchesRepliesToCallsBySerial) {
     close(sockets[1]);
 }
 
-// Restores the environment variables a test changes.
-class Environment : public ::testing::Test {
-protected:
-    void SetUp() override {
-        for (const char* name : {"AT_SPI_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS"}) {
-            const char* value = getenv(name);
-            saved_[name] = value ? std::optional<std::string>(value) : std::nullopt;
-            unsetenv(name);
-        }
-    }
-    void TearDown() override {
-        for (const auto& [name, value] : saved_) {
-            if (value) setenv(name.c_str(), value->c_str(), 1);
-            else unsetenv(name.c_str());
-        }
-    }
-    std::map<std::string, std::optional<std::string>> saved_;
-};
-
-TEST_F(Environment, TheBusIsFoundInOrderAndNothingIsStarted) {
+TEST(Bus, IsFoundInOrderAndNothingIsStarted) {
+    // The variables this test changes, restored at its end.
+    const char* names[] = {"AT_SPI_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS"};
+    std::optional<std::string> saved[2];
+    for (int i = 0; i < 2; ++i)
+        if (const char* value = getenv(names[i])) saved[i] = value;
     std::function<std::optional<std::string>()> rootWindow = [] { return "unix:path=/x"; };
     struct {
         const char* accessibilityBus;
@@ -301,6 +279,8 @@ TEST_F(Environment, TheBusIsFoundInOrderAndNothingIsStarted) {
         EXPECT_EQ(accessibilityBusAddress(c.onTheRootWindow ? rootWindow : nullptr, 100), c.found)
             << "case " << &c - cases;
     }
+    for (int i = 0; i < 2; ++i)
+        saved[i] ? setenv(names[i], saved[i]->c_str(), 1) : unsetenv(names[i]);
     for (const char* starts : {"autolaunch:", "unix:path=/nonexistent;autolaunch:", "systemd:"})
         EXPECT_TRUE(startsProcess(starts)) << starts;
     for (const char* plain : {"unix:path=/run/user/0/bus", "unix:abstract=/tmp/dbus-x,guid=1"})
