@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "harness.h"
+#include "unicode/unicode.h"
 
 namespace quorvel::e2e {
 namespace {
@@ -64,9 +65,7 @@ Json refused(const std::string& message) { return {{"ok", false}, {"error", mess
 std::string ideographs(size_t count, size_t lineLength) {
     std::string text;
     for (char32_t c = 0x4E00; c < 0x4E00 + count; ++c) {
-        text += static_cast<char>(0xE0 | (c >> 12));
-        text += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        text += static_cast<char>(0x80 | (c & 0x3F));
+        appendUtf8(text, c);
         if ((c - 0x4E00) % lineLength == lineLength - 1) text += '\n';
     }
     return text;
@@ -189,15 +188,23 @@ TEST_F(Input, AStaleObservationTypesNothing) {
     }
 }
 
+// The password field, focused and holding text: its own label, no value and
+// no actions, typing into it refused, and its text nowhere in any answer.
 TEST_F(Input, PasswordEntryIsRefusedAndItsTextNeverShows) {
     fixture.command("password hunter2-secret");
+    fixture.command("focus password");
     std::vector<Reply> replies;
     for (const char* operation : {"context", "observe", "capture"})
         replies.push_back(bridge(request(operation)));
     Json seen = replies[0].json["result"];
     Json password = node(seen, "Authentication field");
     ASSERT_FALSE(password.is_null()) << replies[0].raw;
-    EXPECT_FALSE(password.value("editable", true));
+    EXPECT_EQ(password["role"], "AXTextField");
+    EXPECT_EQ(password["value"], "");
+    EXPECT_EQ(password["editable"], false);
+    EXPECT_EQ(password["actions"], Json::array());
+    EXPECT_EQ(seen["context"]["focused_role"], "AXTextField");
+    EXPECT_EQ(seen["context"]["focused_value"], "");
 
     Json typing = {{"kind", "type_into"}, {"x", centerX(password)}, {"y", centerY(password)},
                    {"value", "typed"},    {"replace", false},      {"expected_value", ""}};
