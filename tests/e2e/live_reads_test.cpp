@@ -145,18 +145,24 @@ TEST_F(LiveReads, WindowsOpenedOrClosedBetweenTwoReadsAreSeen) {
 
 // The window list and the active window are also asked about along with
 // what was seen last time: a window moved or retitled between two checks of
-// one process must fail the second.
+// one process must fail the second. While the window moves, the window list
+// and accessibility may briefly disagree; the check must settle on a change.
 TEST_F(LiveReads, WindowMovedOrRetitledBetweenTwoChecksIsSeen) {
     for (const char* change : {"move 7 5", "title Renamed"}) {
         JsonObject scope = front().scope(platform);
         ASSERT_EQ(validation(platform, scope), std::nullopt) << change;
         fixture.command(change);
-        EXPECT_EQ(until([&] { return validation(platform, scope); }), kWindowChanged) << change;
+        EXPECT_EQ(until([&] {
+                      std::optional<std::string> failure = validation(platform, scope);
+                      return failure == kWindowChanged ? failure : std::nullopt;
+                  }),
+                  kWindowChanged)
+            << change;
     }
 }
 
 // Focus moved between two reads is seen, and only editors that offer it can
-// be set through accessibility.
+// be set through accessibility (the layouts test sets one).
 TEST_F(LiveReads, FocusIsReadAfreshAndOnlySomeEditorsAreSettable) {
     Window window = front();
     struct Case {
@@ -174,11 +180,6 @@ TEST_F(LiveReads, FocusIsReadAfreshAndOnlySomeEditorsAreSettable) {
         EXPECT_EQ(platform.isAttributeSettable(editor, "AXValue", settable), kAXErrorSuccess);
         EXPECT_EQ(settable, c.settable) << c.focus;
     }
-    fixture.command("focus entry");
-    Element entry = focused(window);
-    ASSERT_EQ(platform.setAttributeValue(entry, "AXValue", "Set through accessibility"),
-              kAXErrorSuccess);
-    EXPECT_EQ(editorValue(platform, entry), "Set through accessibility");
 }
 
 }  // namespace
