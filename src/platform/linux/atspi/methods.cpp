@@ -108,27 +108,23 @@ Message focusedDescendantCall(const ObjectRef& ref) {
     if (!call) return call;
     // The match rule (aiia{ss}iaiiasib): these states, all of them; no
     // attributes, roles or interfaces asked for; not inverted.
-    const dbus_int32_t states[2] = {1 << ATSPI_STATE_FOCUSED, 0};
-    const dbus_int32_t noRoles[4] = {0, 0, 0, 0};
     const dbus_int32_t all = ATSPI_Collection_MATCH_ALL;
     const dbus_bool_t invert = FALSE;
-    DBusMessageIter iter, rule, list;
+    DBusMessageIter iter, rule;
+    // One criterion: its array (of words, or empty), then how it must match.
+    auto criterion = [&](const char* signature, std::initializer_list<dbus_int32_t> words) {
+        DBusMessageIter list;
+        dbus_message_iter_open_container(&rule, DBUS_TYPE_ARRAY, signature, &list);
+        for (dbus_int32_t word : words) dbus_message_iter_append_basic(&list, DBUS_TYPE_INT32, &word);
+        dbus_message_iter_close_container(&rule, &list);
+        dbus_message_iter_append_basic(&rule, DBUS_TYPE_INT32, &all);
+    };
     dbus_message_iter_init_append(call.get(), &iter);
     dbus_message_iter_open_container(&iter, DBUS_TYPE_STRUCT, nullptr, &rule);
-    dbus_message_iter_open_container(&rule, DBUS_TYPE_ARRAY, "i", &list);
-    for (dbus_int32_t word : states) dbus_message_iter_append_basic(&list, DBUS_TYPE_INT32, &word);
-    dbus_message_iter_close_container(&rule, &list);
-    dbus_message_iter_append_basic(&rule, DBUS_TYPE_INT32, &all);
-    dbus_message_iter_open_container(&rule, DBUS_TYPE_ARRAY, "{ss}", &list);
-    dbus_message_iter_close_container(&rule, &list);
-    dbus_message_iter_append_basic(&rule, DBUS_TYPE_INT32, &all);
-    dbus_message_iter_open_container(&rule, DBUS_TYPE_ARRAY, "i", &list);
-    for (dbus_int32_t word : noRoles) dbus_message_iter_append_basic(&list, DBUS_TYPE_INT32, &word);
-    dbus_message_iter_close_container(&rule, &list);
-    dbus_message_iter_append_basic(&rule, DBUS_TYPE_INT32, &all);
-    dbus_message_iter_open_container(&rule, DBUS_TYPE_ARRAY, "s", &list);
-    dbus_message_iter_close_container(&rule, &list);
-    dbus_message_iter_append_basic(&rule, DBUS_TYPE_INT32, &all);
+    criterion("i", {1 << ATSPI_STATE_FOCUSED, 0});  // states
+    criterion("{ss}", {});                           // attributes
+    criterion("i", {0, 0, 0, 0});                    // roles
+    criterion("s", {});                              // interfaces
     dbus_message_iter_append_basic(&rule, DBUS_TYPE_BOOLEAN, &invert);
     dbus_message_iter_close_container(&iter, &rule);
     // In document order, the first match only, looking inside every child.
