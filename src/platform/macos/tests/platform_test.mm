@@ -14,12 +14,13 @@ namespace {
 Platform& platform() { return systemPlatform(); }
 
 TEST(Events, KeyboardEventsCarryKeyDirectionFlagsAndText) {
-    Event down = platform().createKeyboardEvent(33, true);
-    Event up = platform().createKeyboardEvent(33, false);
+    Event down = platform().createKeyboardEvent(kVirtualKeyLeftBracket, true);
+    Event up = platform().createKeyboardEvent(kVirtualKeyLeftBracket, false);
     ASSERT_TRUE(down && up);
     EXPECT_EQ(CGEventGetType(cgEvent(*down)), kCGEventKeyDown);
     EXPECT_EQ(CGEventGetType(cgEvent(*up)), kCGEventKeyUp);
-    EXPECT_EQ(CGEventGetIntegerValueField(cgEvent(*down), kCGKeyboardEventKeycode), 33);
+    EXPECT_EQ(CGEventGetIntegerValueField(cgEvent(*down), kCGKeyboardEventKeycode),
+              kVirtualKeyLeftBracket);
 
     platform().setFlags(*down, kCGEventFlagMaskCommand);
     platform().setFlags(*up, 0);
