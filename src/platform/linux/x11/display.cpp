@@ -54,6 +54,14 @@ Reply<T> take(T* (*get)(xcb_connection_t*, Cookie, xcb_generic_error_t**),
     return reply;
 }
 
+// An atom the server already knows; XCB_ATOM_NONE when it does not.
+xcb_atom_t existingAtom(xcb_connection_t* connection, const char* name) {
+    auto reply = take(xcb_intern_atom_reply, connection,
+                      xcb_intern_atom(connection, 1, static_cast<std::uint16_t>(std::strlen(name)),
+                                      name));
+    return reply ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
+}
+
 xcb_get_property_cookie_t askProperty(xcb_connection_t* connection, xcb_window_t window,
                                       xcb_atom_t property, xcb_atom_t type) {
     return xcb_get_property(connection, 0, window, property, type, 0, 1 << 20);
@@ -118,11 +126,9 @@ bool contains(const std::optional<std::vector<std::uint32_t>>& list, xcb_atom_t 
 
 std::optional<std::int64_t> processOf(Display* display, unsigned long window) {
     xcb_connection_t* c = XGetXCBConnection(display);
-    const char* name = "_NET_WM_PID";
-    auto atom = take(xcb_intern_atom_reply, c,
-                     xcb_intern_atom(c, 1, static_cast<std::uint16_t>(std::strlen(name)), name));
-    if (!atom || atom->atom == XCB_ATOM_NONE) return std::nullopt;
-    return process(c, askProcess(c, static_cast<xcb_window_t>(window), atom->atom));
+    xcb_atom_t wmPid = existingAtom(c, kAtomNames[kWmPid]);
+    if (wmPid == XCB_ATOM_NONE) return std::nullopt;
+    return process(c, askProcess(c, static_cast<xcb_window_t>(window), wmPid));
 }
 
 std::vector<unsigned long> ancestry(Display* display, unsigned long window) {
@@ -194,11 +200,10 @@ std::optional<ActiveClient> XDisplay::activeClient() {
 std::optional<std::string> XDisplay::rootTextProperty(const char* name) {
     xcb_connection_t* c = connection();
     if (!c) return std::nullopt;
-    auto property = take(xcb_intern_atom_reply, c,
-                         xcb_intern_atom(c, 1, static_cast<std::uint16_t>(std::strlen(name)), name));
-    if (!property || property->atom == XCB_ATOM_NONE) return std::nullopt;
+    xcb_atom_t property = existingAtom(c, name);
+    if (property == XCB_ATOM_NONE) return std::nullopt;
     auto reply = take(xcb_get_property_reply, c,
-                      xcb_get_property(c, 0, root(), property->atom, XCB_GET_PROPERTY_TYPE_ANY, 0,
+                      xcb_get_property(c, 0, root(), property, XCB_GET_PROPERTY_TYPE_ANY, 0,
                                        1024));
     if (!reply || reply->format != 8) return std::nullopt;
     return std::string(static_cast<const char*>(xcb_get_property_value(reply.get())),
