@@ -118,6 +118,13 @@ struct RecognizedText {
     float confidence = 0;
 };
 
+// A window image as the bytes of a PNG file, with its size in pixels.
+struct EncodedImage {
+    std::vector<std::uint8_t> bytes;
+    std::uint32_t width = 0;
+    std::uint32_t height = 0;
+};
+
 struct TextObservation {
     // Normalised to the image: 0..1, origin at the lower-left, y upwards.
     Rect boundingBox;
@@ -198,6 +205,9 @@ public:
     // Text recognition at the accurate level, synchronously, on that image.
     // Throws the recogniser's own error (any std::exception) on failure.
     virtual std::vector<TextObservation> recognizeText(const Image&) = 0;
+    // The same image encoded as PNG, favouring speed over size; nullopt when
+    // it cannot be encoded, or the backend has no encoder.
+    virtual std::optional<EncodedImage> encodePng(const Image&) { return std::nullopt; }
 
     // --- Events --------------------------------------------------------------
     // The pointer's current location (an event created with no source, read

@@ -236,6 +236,15 @@ std::vector<TextObservation> FakeDesktop::recognizeText(const Image&) {
     return recognized;
 }
 
+std::optional<EncodedImage> FakeDesktop::encodePng(const Image& image) {
+    record("encodePng");
+    if (!pngSize) return std::nullopt;
+    EncodedImage png{{0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'}, pngSize->first, pngSize->second};
+    const auto& bytes = dynamic_cast<const FakeImage&>(*image).bytes;
+    png.bytes.insert(png.bytes.end(), bytes.begin(), bytes.end());
+    return png;
+}
+
 std::optional<Point> FakeDesktop::pointerLocation() {
     record("pointerLocation");
     if (eventCreationFails()) return std::nullopt;

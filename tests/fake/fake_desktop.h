@@ -13,6 +13,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/platform.h"
@@ -109,6 +110,9 @@ public:
     std::optional<std::vector<std::uint8_t>> imageBytes = std::vector<std::uint8_t>{1, 2, 3};
     bool imageHasData = true;
     std::vector<TextObservation> recognized;
+    // PNG encoding: the image's size in pixels (nullopt: encoding fails). The
+    // "PNG" is the PNG signature followed by the image bytes.
+    std::optional<std::pair<std::uint32_t, std::uint32_t>> pngSize = std::pair{800u, 600u};
     std::optional<std::string> recognizerError;
     std::optional<Point> pointer = Point{0, 0};
     // Off: attribute reads are neither logged nor counted and run no hooks
@@ -202,6 +206,7 @@ public:
                             std::uint32_t imageOption) override;
     std::optional<std::vector<std::uint8_t>> copyImageData(const Image&) override;
     std::vector<TextObservation> recognizeText(const Image&) override;
+    std::optional<EncodedImage> encodePng(const Image&) override;
     std::optional<Point> pointerLocation() override;
     Event createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) override;
     Event createMouseEvent(MouseEventType, Point, MouseButton) override;

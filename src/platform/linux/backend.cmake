@@ -25,6 +25,10 @@ target_compile_definitions(quorvel_platform PRIVATE
   QUORVEL_TESSERACT_SONAME="libtesseract.so.${QUORVEL_TESSERACT_MAJOR}")
 target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_LINUX_READ ${CMAKE_DL_LIBS})
 
+# PNG encoding of window images, for observations that ask for the image.
+pkg_check_modules(QUORVEL_PNG REQUIRED IMPORTED_TARGET libpng)
+target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_PNG)
+
 # XTest input: Xlib and XTest, and xkbcommon's character-to-keysym table.
 pkg_check_modules(QUORVEL_XINPUT REQUIRED IMPORTED_TARGET x11 xtst xkbcommon)
 target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_XINPUT)

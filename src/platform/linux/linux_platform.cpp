@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "platform/linux/atspi/accessibility.h"
+#include "platform/linux/png_encoder.h"
 #include "platform/linux/text_recognition.h"
 #include "platform/linux/x11/capture.h"
 #include "platform/linux/x11/display.h"
@@ -117,6 +118,11 @@ public:
         auto* captured = dynamic_cast<const CapturedImage*>(image.get());
         if (!captured) return {};
         return recognizer_.recognize(captured->pixels);
+    }
+    std::optional<EncodedImage> encodePng(const Image& image) override {
+        auto* captured = dynamic_cast<const CapturedImage*>(image.get());
+        if (!captured) return std::nullopt;
+        return linux_backend::encodePng(captured->pixels);
     }
 
     std::optional<Point> pointerLocation() override { return input_.pointerLocation(); }

@@ -37,7 +37,8 @@ target_include_directories(quorvel_platform PUBLIC src)
 target_link_libraries(quorvel_platform
   PRIVATE quorvel_unicode
           "-framework ApplicationServices" "-framework CoreGraphics"
-          "-framework CoreFoundation" "-framework AppKit" "-framework Vision")
+          "-framework CoreFoundation" "-framework AppKit" "-framework Vision"
+          "-framework ImageIO")
 
 # Backend tests: the value translations, the ownership holder, event
 # construction and the digest, against the real frameworks. Only a Mac can run

@@ -64,4 +64,8 @@ std::optional<std::vector<std::uint8_t>> copyImageData(CGImageRef image);
 // from the recogniser's NSError when the request fails.
 std::vector<TextObservation> recognizeText(CGImageRef image);
 
+// The image as a PNG file's bytes (png_encoder.mm); nullopt when ImageIO
+// cannot encode it.
+std::optional<EncodedImage> encodePng(CGImageRef image);
+
 }  // namespace quorvel::macos_backend

@@ -132,6 +132,11 @@ public:
         if (!ref) return {};
         return macos_backend::recognizeText(ref);
     }
+    std::optional<EncodedImage> encodePng(const Image& image) override {
+        CGImageRef ref = cgImage(image);
+        if (!ref) return std::nullopt;
+        return macos_backend::encodePng(ref);
+    }
 
     std::optional<Point> pointerLocation() override {
         CFRef<CGEventRef> event = CFRef<CGEventRef>::adopt(CGEventCreate(nullptr));

@@ -1,0 +1,27 @@
+// PNG encoding of a captured window image, with libpng, in memory.
+#pragma once
+
+#include <png.h>
+#include <zlib.h>
+
+#include <optional>
+
+#include "platform/linux/x11/capture.h"
+#include "platform/platform.h"
+
+namespace quorvel::linux_backend {
+
+// How hard zlib works and which row filters libpng tries. The agent wants
+// the image now: a window's flat areas and text compress well enough at
+// the fastest level (bench/png_bench.cpp compares the choices).
+struct PngSettings {
+    int compressionLevel = 1;
+    int filters = PNG_FILTER_SUB;
+    int strategy = Z_DEFAULT_STRATEGY;
+};
+
+// The pixels as an 8-bit RGB PNG (their alpha is always opaque, so it is
+// left out); nullopt when libpng fails or the image is empty.
+std::optional<EncodedImage> encodePng(const Pixels&, const PngSettings& = {});
+
+}  // namespace quorvel::linux_backend
