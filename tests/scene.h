@@ -45,6 +45,7 @@ inline constexpr char kRejected[] = "The editor rejected text replacement; inspe
 inline constexpr char kFocusChanged[] =
     "The focused editor changed during input. Inspect before retrying.";
 inline constexpr char kTextInput[] = "Unable to create text input.";
+inline constexpr char kImageFormat[] = "Unsupported image format. Use \"png\".";
 // The fake desktop's permission sentences.
 inline constexpr char kAccessibility[] =
     "Grant Accessibility access to Quorvel in macOS System Settings, then retry.";
@@ -58,7 +59,8 @@ inline const std::vector<std::string>& all() {
         kTextFields,    kKey,            kNoApplication, kNoBounds,      kNotUnique,
         kChanged,       kReadLimit,      kCaptureFailed, kPlaceCursor,   kScrollInput,
         kKeyboardInput, kOutside,        kMouseInput,    kFocusEditor,   kValueChanged,
-        kRejected,      kFocusChanged,   kTextInput,     kAccessibility, kScreenRecording};
+        kRejected,      kFocusChanged,   kTextInput,     kAccessibility, kScreenRecording,
+        kImageFormat};
     return sentences;
 }
 

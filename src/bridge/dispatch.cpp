@@ -19,6 +19,7 @@ constexpr char kInvalidOperation[] = "Invalid native operation.";
 constexpr char kUnsupportedAction[] = "Unsupported action.";
 constexpr char kTextFieldsRequired[] = "Text, expected value and replace flag are required.";
 constexpr char kUnsupportedKey[] = "Unsupported key.";
+constexpr char kUnsupportedImage[] = "Unsupported image format. Use \"png\".";
 constexpr double kTypeIntoPause = 0.1;
 
 const Json* field(const JsonObject& object, const char* key) {
@@ -61,6 +62,18 @@ double coordinateField(const JsonObject& object, const char* key) {
     const Json* v = field(object, key);
     if (v && v->is_number()) return v->get<double>();
     return std::numeric_limits<double>::quiet_NaN();
+}
+
+// Whether an observation that captures the window also returns its image:
+// "image": "png", the one format there is. Any other value is refused before
+// anything is captured. "context" captures nothing and ignores the key, as
+// it ignores every key it does not read.
+bool imageRequested(const JsonObject& request, const std::string& operation) {
+    if (operation == "context") return false;
+    const Json* format = field(request, "image");
+    if (!format) return false;
+    if (format->is_string() && format->get_ref<const std::string&>() == "png") return true;
+    fail(kUnsupportedImage);
 }
 
 JsonObject capabilities(Platform& platform) {
@@ -144,7 +157,8 @@ JsonObject dispatch(Platform& platform, const JsonObject& request) {
 
     if (*operation == "capabilities") return capabilities(platform);
     for (const char* name : {"context", "observe", "capture"})
-        if (*operation == name) return observe(platform, *operation);
+        if (*operation == name)
+            return observe(platform, *operation, imageRequested(request, *operation));
     if (*operation != "act") fail(kInvalidOperation);
     act(platform, request);
     return actResult();

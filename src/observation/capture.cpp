@@ -1,6 +1,7 @@
 #include "observation/capture.h"
 
 #include "accessibility/element.h"
+#include "bridge/base64.h"
 #include "bridge/failure.h"
 #include "platform/digest.h"
 #include "unicode/unicode.h"
@@ -12,6 +13,19 @@ constexpr char kCaptureFailed[] = "Screen capture failed.";
 constexpr std::uint32_t kImageOptions =
     kCGWindowImageBoundsIgnoreFraming | kCGWindowImageBestResolution;
 
+// The captured image itself, encoded from the image whose pixels were
+// hashed. An image that cannot be encoded is an image that could not be taken.
+JsonObject imageRecord(Platform& platform, const Image& image) {
+    std::optional<EncodedImage> png = platform.encodePng(image);
+    if (!png) fail(kCaptureFailed);
+    return JsonObject{
+        {"media_type", "image/png"},
+        {"data", base64(png->bytes)},
+        {"width", png->width},
+        {"height", png->height},
+    };
+}
+
 }  // namespace
 
 Rect screenRect(const Rect& box, const Rect& frame) {
@@ -21,7 +35,7 @@ Rect screenRect(const Rect& box, const Rect& frame) {
                 height(box) * height(frame)};
 }
 
-CaptureResult capture(Platform& platform, const Window& window, bool ocr) {
+CaptureResult capture(Platform& platform, const Window& window, bool ocr, bool withImage) {
     if (!platform.preflightScreenCaptureAccess()) fail(platform.screenCapturePermissionMessage());
     Image image = platform.createWindowImage(window.frame, kCGWindowListOptionIncludingWindow,
                                              window.windowID, kImageOptions);
@@ -29,8 +43,9 @@ CaptureResult capture(Platform& platform, const Window& window, bool ocr) {
     std::optional<std::vector<std::uint8_t>> pixels = platform.copyImageData(image);
     if (!pixels) fail(kCaptureFailed);
 
-    CaptureResult result{hex(sha256(*pixels)), {}};
+    CaptureResult result{hex(sha256(*pixels)), {}, std::nullopt};
     pixels.reset();
+    if (withImage) result.image = imageRecord(platform, image);
     if (!ocr) return result;
 
     // The recogniser's own error is not a Failure and passes on unchanged.

@@ -7,7 +7,7 @@
 
 namespace quorvel {
 
-JsonObject observe(Platform& platform, const std::string& operation) {
+JsonObject observe(Platform& platform, const std::string& operation, bool image) {
     Window window = foreground(platform);
     ScanResult scanned = scan(platform, window);
 
@@ -36,9 +36,10 @@ JsonObject observe(Platform& platform, const std::string& operation) {
     };
 
     if (operation == "observe" || operation == "capture") {
-        CaptureResult captured = capture(platform, window, operation == "observe");
+        CaptureResult captured = capture(platform, window, operation == "observe", image);
         result["screenshot_hash"] = std::move(captured.hash);
         result["ocr_blocks"] = std::move(captured.blocks);
+        if (captured.image) result["image"] = std::move(*captured.image);
     }
 
     // The observation stands only if the same window is still in front.

@@ -8,6 +8,8 @@
 
 namespace quorvel {
 
-JsonObject observe(Platform&, const std::string& operation);
+// `image`: an "observe" or "capture" also returns the window's image as
+// PNG under "image".
+JsonObject observe(Platform&, const std::string& operation, bool image = false);
 
 }  // namespace quorvel
