@@ -12,11 +12,12 @@
 namespace quorvel::linux_backend {
 
 // How hard zlib works and which row filters libpng tries. The agent wants
-// the image now: a window's flat areas and text compress well enough at
-// the fastest level (bench/png_bench.cpp compares the choices).
+// the image now: a window's flat areas and text compress well enough at the
+// fastest level, and unfiltered rows of a window come out as small as
+// filtered ones there, for less work (bench/png_bench.cpp compares them).
 struct PngSettings {
     int compressionLevel = 1;
-    int filters = PNG_FILTER_SUB;
+    int filters = PNG_FILTER_NONE;
     int strategy = Z_DEFAULT_STRATEGY;
 };
 
