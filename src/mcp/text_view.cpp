@@ -1,6 +1,8 @@
 #include "mcp/text_view.h"
 
+#include <algorithm>
 #include <cmath>
+#include <set>
 #include <cstdlib>
 
 #include "unicode/unicode.h"
@@ -79,13 +81,36 @@ std::optional<ViewId> parseViewId(const std::string& id) {
     return ViewId{std::atoi(id.c_str()), id.substr(colon + 1)};
 }
 
-std::optional<Centre> centreOf(const Json& node) {
+std::optional<Centre> centreOf(const Json& node, const Json& frame) {
     const Json& bounds = member(node, "bounds");
-    for (const char* key : {"x", "y", "width", "height"})
-        if (!member(bounds, key).is_number()) return std::nullopt;
-    return Centre{number(bounds, "x") + number(bounds, "width") / 2,
-                  number(bounds, "y") + number(bounds, "height") / 2};
+    for (const Json* box : {&bounds, &frame})
+        for (const char* key : {"x", "y", "width", "height"})
+            if (!member(*box, key).is_number()) return std::nullopt;
+    double left = std::max(number(bounds, "x"), number(frame, "x"));
+    double top = std::max(number(bounds, "y"), number(frame, "y"));
+    double right = std::min(number(bounds, "x") + number(bounds, "width"), number(frame, "x") + number(frame, "width"));
+    double bottom = std::min(number(bounds, "y") + number(bounds, "height"), number(frame, "y") + number(frame, "height"));
+    if (left >= right || top >= bottom) return std::nullopt;
+    return Centre{(left + right) / 2, (top + bottom) / 2};
 }
+
+namespace {
+
+// Whether a point lies on a node that names what is there: one with text and
+// no children.
+bool onTextLeaf(const Centre& point, const Json& nodes, const std::set<std::string>& parents) {
+    for (const Json& node : nodes) {
+        if (!node.is_object() || parents.count(text(node, "id"))) continue;
+        if (text(node, "name").empty() && text(node, "value").empty()) continue;
+        const Json& b = member(node, "bounds");
+        double x = number(b, "x"), y = number(b, "y");
+        if (point.x >= x && point.x < x + number(b, "width") && point.y >= y && point.y < y + number(b, "height"))
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
 
 bool shown(const Json& node) {
     if (!flag(node, "visible", false)) return false;
@@ -129,18 +154,24 @@ std::string textView(const Json& result, int observation) {
         if (!text(node, "value").empty()) add({" value=", jsonText(text(node, "value"))});
         if (flag(node, "editable", false)) add({" editable"});
         if (!flag(node, "enabled", true)) add({" disabled"});
-        if (std::optional<Centre> c = centreOf(node)) add({" ", at(*c)});
+        if (std::optional<Centre> c = centreOf(node, frame)) add({" ", at(*c)});
         add({"\n"});
     }
 
     // Recognised text adds what the tree lacks (a canvas, an image of text).
     const std::string& known = text(context, "visible_text");
     const Json& blocks = member(result, "ocr_blocks");
+    std::set<std::string> parents;
+    for (const Json& node : nodes.is_array() ? nodes : kNone)
+        if (const std::string& parent = text(node, "parent_id"); !parent.empty()) parents.insert(parent);
     for (const Json& block : blocks.is_array() ? blocks : kNone) {
         std::string line = trimmed(text(block, "text"));
-        if (line.empty() || known.find(line) != std::string::npos) continue;
+        std::optional<Centre> c = centreOf(block, frame);
+        if (line.empty() || known.find(line) != std::string::npos ||
+            (c && onTextLeaf(*c, nodes.is_array() ? nodes : kNone, parents)))
+            continue;
         add({"Text ", jsonText(line)});
-        if (std::optional<Centre> c = centreOf(block)) add({" ", at(*c)});
+        if (c) add({" ", at(*c)});
         add({"\n"});
     }
 

@@ -26,12 +26,15 @@ std::optional<ViewId> parseViewId(const std::string& id);
 // name or a value. Unnamed, valueless containers are left out.
 bool shown(const Json& node);
 
-// The node's centre in screen points; nullopt when it has no bounds.
+// The centre of the part of a node (or recognised text block) that lies in
+// the window's frame, a bounds object, in screen points: a point that a
+// click can reach even when the node reaches beyond the window (a long
+// list). Nullopt when it has no bounds or none of it is in the frame.
 struct Centre {
     double x = 0;
     double y = 0;
 };
-std::optional<Centre> centreOf(const Json& node);
+std::optional<Centre> centreOf(const Json& node, const Json& frame);
 
 // The view of an observation result ("scope", "nodes", "context", and for
 // "observe" "ocr_blocks"):
@@ -44,7 +47,9 @@ std::optional<Centre> centreOf(const Json& node);
 //   41 of 1200 nodes shown; the others are off screen or have no name, value or editor.
 //
 // Names and values are JSON strings, cut to 100 characters. "Text" lines
-// are recognised text that the accessibility tree does not hold.
+// are recognised text that the accessibility tree does not hold: neither
+// found in the window's text nor lying on a node without children that has
+// a name or value (which recognition would only misread).
 std::string textView(const Json& result, int observation);
 
 }  // namespace quorvel::mcp

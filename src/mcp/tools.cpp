@@ -203,8 +203,8 @@ Json Tools::click(const Json& arguments) {
         std::string refusal;
         const Json* target = node(id.get<std::string>(), refusal);
         if (!target) return toolError(refusal);
-        std::optional<Centre> centre = centreOf(*target);
-        if (!centre) return toolError("Node " + id.get<std::string>() + " has no bounds. Click at x and y instead.");
+        std::optional<Centre> centre = centreOf(*target, scope_["bounds"]);
+        if (!centre) return toolError("Node " + id.get<std::string>() + " has no part inside the window to click.");
         atX = centre->x;
         atY = centre->y;
         what += id.get<std::string>() + " ";
@@ -235,8 +235,8 @@ Json Tools::typeText(const Json& arguments) {
         if (!target) return toolError(refusal);
         if (!member(*target, "editable").is_boolean() || !(*target)["editable"].get<bool>())
             return toolError("Node " + id.get<std::string>() + " is not an editable text field.");
-        std::optional<Centre> centre = centreOf(*target);
-        if (!centre) return toolError("Node " + id.get<std::string>() + " has no bounds to click.");
+        std::optional<Centre> centre = centreOf(*target, scope_["bounds"]);
+        if (!centre) return toolError("Node " + id.get<std::string>() + " has no part inside the window to click.");
         action["kind"] = "type_into";
         action["x"] = centre->x;
         action["y"] = centre->y;

@@ -17,8 +17,9 @@ TEST(TextView, ListsWhatCanBeActedOnOrReadWithCentres) {
               "3:ax-2 AXTextField \"Name\" value=\"Ada\" editable @(350,73)\n"
               "3:ax-3 AXTextField \"Authentication field\" @(350,112)\n"
               "3:ax-4 AXButton \"Save\" @(641,515)\n"
+              "3:ax-5 AXList \"Rows\" @(700,375)\n"  // the middle of the part in the window
               "Text \"Total: 12\" @(750,410)\n"
-              "4 of 7 nodes shown; the others are off screen or have no name, value or editor.");
+              "5 of 8 nodes shown; the others are off screen or have no name, value or editor.");
 }
 
 TEST(TextView, QuotesAndCutsLongTextAndShowsDisabledNodes) {
