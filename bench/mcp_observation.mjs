@@ -65,13 +65,14 @@ await client.close();
 fixture.stdin.end();
 
 const bytes = (text) => Buffer.byteLength(text, 'utf8');
+const signed = (ms) => `${ms >= 0 ? '+' : ''}${ms.toFixed(0)} ms`;
 const nodesJson = JSON.stringify(answer.result.nodes);
 const b = median(plain), bi = median(withImage), t = median(tool);
 console.log(`runs: ${runs}, median wall-clock times`);
 console.log(`bridge "observe":                     ${b.toFixed(0)} ms`);
-console.log(`bridge "observe" with "image":"png":  ${bi.toFixed(0)} ms (+${(bi - b).toFixed(0)} ms for the image)`);
+console.log(`bridge "observe" with "image":"png":  ${bi.toFixed(0)} ms (${signed(bi - b)} for the image)`);
 console.log(`"observe" tool call via quorvel-mcp:  ${t.toFixed(0)} ms (${(t / b).toFixed(2)}x the bridge's "observe", ` +
-            `+${(t - bi).toFixed(0)} ms over the bridge with the image)`);
+            `${signed(t - bi)} against the bridge with the image)`);
 console.log(`nodes: ${answer.result.nodes.length}; raw JSON of the nodes ${bytes(nodesJson)} bytes, ` +
             `text view ${bytes(view)} bytes (${view.split('\n').length} lines): ` +
             `${(bytes(view) / bytes(nodesJson) * 100).toFixed(1)}% of the raw JSON`);
