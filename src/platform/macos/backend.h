@@ -60,8 +60,9 @@ CFRef<CGImageRef> createWindowImage(CGRect screenBounds, CGWindowListOption list
 // The image's raw pixel bytes from its data provider.
 std::optional<std::vector<std::uint8_t>> copyImageData(CGImageRef image);
 
-// Text recognition (text_recognition.mm). Throws std::runtime_error made
-// from the recogniser's NSError when the request fails.
+// Text recognition (text_recognition.mm). Throws std::runtime_error, the
+// recogniser's error, when the request fails: when performing it fails (made
+// from Vision's NSError), or when it ends with no results at all.
 std::vector<TextObservation> recognizeText(CGImageRef image);
 
 // The image as a PNG file's bytes (png_encoder.mm); nullopt when ImageIO

@@ -2,10 +2,11 @@
 // else set, performed synchronously on the captured image itself.
 #include "platform/macos/backend.h"  // first: see there
 
-#import <Foundation/Foundation.h>
-#import <Vision/Vision.h>
+#include "platform/macos/text_recognition.h"
 
+#include <optional>
 #include <stdexcept>
+#include <string>
 
 #include "platform/macos/cf_value.h"
 
@@ -19,10 +20,9 @@ std::string describe(NSError* error) {
 
 }  // namespace
 
-std::vector<TextObservation> recognizeText(CGImageRef image) {
+std::vector<TextObservation> recognizeTextWith(CGImageRef image, PerformRequests perform) {
     std::vector<TextObservation> observations;
-    std::string failure;
-    bool failed = false;
+    std::optional<std::string> failure;
     // The error is thrown only after the pool has drained, so that nothing
     // autoreleased during recognition outlives the call.
     @autoreleasepool {
@@ -30,12 +30,20 @@ std::vector<TextObservation> recognizeText(CGImageRef image) {
         request.recognitionLevel = VNRequestTextRecognitionLevelAccurate;
         VNImageRequestHandler* handler = [[VNImageRequestHandler alloc] initWithCGImage:image
                                                                                 options:@{}];
-        NSError* error = nil;
-        if (![handler performRequests:@[ request ] error:&error]) {
-            failed = true;
+        NSError* __autoreleasing error = nil;
+        BOOL performed = perform(handler, @[ request ], &error);
+        // Vision reports a failed request in two ways: the call answers NO,
+        // or it answers YES while the request itself failed, which then has
+        // no results at all. A request that found no text has an empty
+        // array; nil means it never produced any, which is a failure, not
+        // an image without text.
+        NSArray* results = performed ? request.results : nil;
+        if (!performed) {
             failure = describe(error);
+        } else if (!results) {
+            failure = "text recognition produced no results";
         } else {
-            for (id result in request.results) {
+            for (id result in results) {
                 if (![result isKindOfClass:[VNRecognizedTextObservation class]]) continue;
                 VNRecognizedTextObservation* observation = result;
                 const CGRect box = observation.boundingBox;
@@ -48,8 +56,15 @@ std::vector<TextObservation> recognizeText(CGImageRef image) {
             }
         }
     }
-    if (failed) throw std::runtime_error(failure);
+    if (failure) throw std::runtime_error(*failure);
     return observations;
+}
+
+std::vector<TextObservation> recognizeText(CGImageRef image) {
+    return recognizeTextWith(image, ^BOOL(VNImageRequestHandler* handler,
+                                          NSArray<VNRequest*>* requests, NSError** error) {
+        return [handler performRequests:requests error:error];
+    });
 }
 
 }  // namespace quorvel::macos_backend

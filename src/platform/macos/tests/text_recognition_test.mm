@@ -1,12 +1,16 @@
 // Text recognition on an image drawn here: the recognised string, its
 // confidence and Vision's normalised, lower-left-origin box come through as
-// Vision gave them.
+// Vision gave them; a request that fails, however Vision reports it, is the
+// recogniser's error.
 #include "platform/macos/backend.h"
+
+#include "platform/macos/text_recognition.h"
 
 #include <CoreText/CoreText.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <string>
 
 namespace quorvel::macos_backend {
 namespace {
@@ -76,6 +80,47 @@ TEST(TextRecognition, AnImageWithoutTextGivesNoObservations) {
     ASSERT_TRUE(image);
     RECOGNIZE_OR_SKIP(observations, image.get());
     EXPECT_TRUE(observations.empty());
+}
+
+// Vision can fail a request in two ways, and neither is an image without
+// text: the call answers NO with an error, or it answers YES while the
+// request failed and holds no results (nil). Both stand in for the call
+// here, so no recognition model is needed.
+TEST(TextRecognition, AFailedRequestIsTheRecognisersErrorHoweverVisionReportsIt) {
+    CFRef<CGImageRef> image = imageWithText(CFSTR("QUORVEL 42"));
+    ASSERT_TRUE(image);
+    PerformRequests refuses = ^BOOL(VNImageRequestHandler* handler, NSArray<VNRequest*>* requests,
+                                    NSError** error) {
+        (void)handler;
+        (void)requests;
+        if (error) *error = [NSError errorWithDomain:@"QuorvelTestDomain" code:7 userInfo:nil];
+        return NO;
+    };
+    // Never performed, the request keeps the results of one that failed.
+    PerformRequests succeedsWithoutResults =
+        ^BOOL(VNImageRequestHandler* handler, NSArray<VNRequest*>* requests, NSError** error) {
+            (void)handler;
+            (void)requests;
+            (void)error;
+            return YES;
+        };
+    struct {
+        const char* name;
+        PerformRequests perform;
+        const char* said;  // what the error names
+    } cases[] = {
+        {"the call fails", refuses, "QuorvelTestDomain"},
+        {"the call succeeds, the request has no results", succeedsWithoutResults, "no results"},
+    };
+    for (const auto& c : cases) {
+        try {
+            std::vector<TextObservation> observations = recognizeTextWith(image.get(), c.perform);
+            ADD_FAILURE() << c.name << ": " << observations.size() << " observations, no error";
+        } catch (const std::runtime_error& error) {
+            EXPECT_NE(std::string(error.what()).find(c.said), std::string::npos)
+                << c.name << ": " << error.what();
+        }
+    }
 }
 
 }  // namespace
