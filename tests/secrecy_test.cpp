@@ -1,7 +1,9 @@
 // Password fields are never read: wherever one stands (deep in the tree,
 // focused, or focused outside the observed window) and whatever the request,
 // its value, title and description are never asked of the desktop, nothing
-// is ever written into it, and none of them reaches the response.
+// is ever written into it, and none of them reaches the response. The Linux
+// backend's half, where a failed role read must not let a request for the
+// text through, is tests/linux/secrecy_test.cpp (LinuxSecrecy).
 #include <gtest/gtest.h>
 
 #include <functional>

@@ -362,10 +362,8 @@ std::optional<ObjectRef> Accessibility::focusedText(std::int64_t pid) {
     DBusConnection* bus = atspi_get_a11y_bus();
     auto matches = parseMatches(callAndWait(bus, focusedDescendantCall(*app), timeoutMs_).get());
     if (!matches || matches->empty()) return std::nullopt;
-    auto interfaces =
-        parseInterfaces(callAndWait(bus, interfacesCall(matches->front()), timeoutMs_).get());
-    if (!interfaces || !hasInterface(*interfaces, kTextInterface)) return std::nullopt;
-    return matches->front();
+    // Focus may have moved to a password field since typing began.
+    return readableText(matches->front(), bus, timeoutMs_);
 }
 
 std::optional<int> Accessibility::caretOffset(const ObjectRef& text) {

@@ -64,7 +64,8 @@ public:
     void endTreeScan();
 
     // What typing reads to learn that the application has handled its keys:
-    // the focused element of process `pid` when it is text (nothing
+    // the focused element of process `pid` when it is text that may be read
+    // (readableText: never password text, never of an unknown role; nothing
     // otherwise), found by the application in one Collection query; its
     // caret offset; and its characters from `start` to `end`.
     std::optional<ObjectRef> focusedText(std::int64_t pid);

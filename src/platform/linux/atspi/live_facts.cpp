@@ -5,6 +5,19 @@
 
 namespace quorvel::linux_backend {
 
+std::optional<ObjectRef> readableText(const ObjectRef& candidate, DBusConnection* bus,
+                                      int timeoutMs, DirectLink* link) {
+    CallBatch batch(bus, timeoutMs, link);
+    size_t role = batch.add(roleCall(candidate));
+    size_t interfaces = batch.add(interfacesCall(candidate));
+    batch.wait();
+    std::optional<int> known = parseRole(batch.reply(role));
+    auto offered = parseInterfaces(batch.reply(interfaces));
+    if (!known || isPasswordRole(*known) || !offered || !hasInterface(*offered, kTextInterface))
+        return std::nullopt;
+    return candidate;
+}
+
 LiveFacts::LiveFacts(ObjectRef ref, DBusConnection* bus, int timeoutMs, bool* timedOut)
     : ref_(std::move(ref)), bus_(bus), timeoutMs_(timeoutMs), timedOut_(timedOut) {}
 

@@ -9,6 +9,16 @@
 
 namespace quorvel::linux_backend {
 
+class DirectLink;
+
+// `candidate` when its text may be read outside an attribute read (typing
+// reads the focused editor's text to see its keys arrive): it offers the
+// Text interface, and its role, asked in the same round trip, has been read
+// and is not password text. An element whose role could not be read may be
+// a password field, so it gets nothing. Over `link` when one is given.
+std::optional<ObjectRef> readableText(const ObjectRef& candidate, DBusConnection* bus,
+                                      int timeoutMs, DirectLink* link = nullptr);
+
 class LiveFacts final : public ElementFacts {
 public:
     // `timedOut`, when given, is set once a call goes unanswered.

@@ -1,0 +1,248 @@
+// The Linux backend's half of the secrecy test (tests/secrecy_test.cpp): it
+// asks an application for an element's text only once it has read the
+// element's role, in the same request, and seen that it is not password
+// text. Each path that asks for text is given an element whose role read
+// fails while its text would be answered: an attribute read, the tree
+// scan's prefetch, and the focused editor that typing watches.
+#include <gtest/gtest.h>
+
+#include <atspi/atspi-constants.h>
+#include <dbus/dbus.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/linux/atspi/direct_link.h"
+#include "platform/linux/atspi/element_facts.h"
+#include "platform/linux/atspi/live_facts.h"
+#include "platform/linux/atspi/tree_snapshot.h"
+
+namespace quorvel::linux_backend {
+namespace {
+
+constexpr char kSecret[] = "hunter2";
+constexpr char kBus[] = ":1.5";
+
+// What the test reads an element's role as; nothing for a read that fails.
+struct ScriptedElement {
+    std::optional<int> role;
+    std::string text;
+};
+
+// One element whose role read fails, one password field and one plain
+// entry, under a window; each would answer for its text.
+const std::map<std::string, ScriptedElement>& elements() {
+    static const std::map<std::string, ScriptedElement> all = {
+        {"/window", {ATSPI_ROLE_FRAME, ""}},
+        {"/unread", {std::nullopt, kSecret}},
+        {"/password", {ATSPI_ROLE_PASSWORD_TEXT, kSecret}},
+        {"/entry", {ATSPI_ROLE_ENTRY, "visible"}},
+    };
+    return all;
+}
+const std::vector<std::string> kChildren = {"/unread", "/password", "/entry"};
+
+// The application at the other end of a direct link: answers every call
+// from `elements()` on a thread of its own, and logs the calls for text.
+class ScriptedApplication {
+public:
+    ScriptedApplication() {
+        int sockets[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) != 0) throw std::runtime_error("socketpair");
+        link_ = DirectLink::adopt(sockets[0]);
+        peer_ = sockets[1];
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~ScriptedApplication() {
+        link_.reset();  // closes our end: the application sees the end and stops
+        thread_.join();
+        close(peer_);
+    }
+    DirectLink* link() { return link_.get(); }
+    // The objects whose text was asked for, in order.
+    std::vector<std::string> textsAsked() {
+        std::lock_guard lock(mutex_);
+        return textsAsked_;
+    }
+
+private:
+    void serve() {
+        std::string unread;
+        char buffer[4096];
+        for (;;) {
+            ssize_t got = read(peer_, buffer, sizeof buffer);
+            if (got <= 0) return;
+            unread.append(buffer, static_cast<size_t>(got));
+            for (;;) {
+                int needed = dbus_message_demarshal_bytes_needed(unread.data(),
+                                                                 static_cast<int>(unread.size()));
+                if (needed <= 0 || static_cast<size_t>(needed) > unread.size()) break;
+                Message call(dbus_message_demarshal(unread.data(), needed, nullptr));
+                unread.erase(0, static_cast<size_t>(needed));
+                if (!call) return;
+                Message reply = answer(call.get());
+                dbus_message_set_serial(reply.get(), ++serial_);
+                char* bytes = nullptr;
+                int length = 0;
+                if (!dbus_message_marshal(reply.get(), &bytes, &length)) return;
+                bool written = write(peer_, bytes, static_cast<size_t>(length)) == length;
+                dbus_free(bytes);
+                if (!written) return;
+            }
+        }
+    }
+
+    Message answer(DBusMessage* call) {
+        const std::string member = dbus_message_get_member(call);
+        const char* path = dbus_message_get_path(call);
+        auto element = elements().find(path ? path : "");
+        auto fail = [&] { return Message(dbus_message_new_error(call, DBUS_ERROR_FAILED, "no")); };
+        if (element == elements().end()) return fail();  // the cache, among others
+        const ScriptedElement& e = element->second;
+        Message reply(dbus_message_new_method_return(call));
+        DBusMessageIter iter, inner;
+        dbus_message_iter_init_append(reply.get(), &iter);
+        if (member == "GetRole") {
+            if (!e.role) return fail();
+            dbus_uint32_t role = static_cast<dbus_uint32_t>(*e.role);
+            dbus_message_iter_append_basic(&iter, DBUS_TYPE_UINT32, &role);
+        } else if (member == "GetText") {
+            {
+                std::lock_guard lock(mutex_);
+                textsAsked_.push_back(path);
+            }
+            const char* text = e.text.c_str();
+            dbus_message_iter_append_basic(&iter, DBUS_TYPE_STRING, &text);
+        } else if (member == "GetInterfaces") {
+            dbus_message_iter_open_container(&iter, DBUS_TYPE_ARRAY, "s", &inner);
+            for (const char* name : {"org.a11y.atspi.Accessible", kTextInterface})
+                dbus_message_iter_append_basic(&inner, DBUS_TYPE_STRING, &name);
+            dbus_message_iter_close_container(&iter, &inner);
+        } else if (member == "GetState") {
+            dbus_message_iter_open_container(&iter, DBUS_TYPE_ARRAY, "u", &inner);
+            dbus_uint32_t words[2] = {1u << ATSPI_STATE_ENABLED, 0};
+            for (dbus_uint32_t& word : words)
+                dbus_message_iter_append_basic(&inner, DBUS_TYPE_UINT32, &word);
+            dbus_message_iter_close_container(&iter, &inner);
+        } else if (member == "GetAll") {
+            dbus_int32_t count = std::string(path) == "/window" ? 3 : 0;
+            DBusMessageIter entry, variant;
+            const char* key = "ChildCount";
+            dbus_message_iter_open_container(&iter, DBUS_TYPE_ARRAY, "{sv}", &inner);
+            dbus_message_iter_open_container(&inner, DBUS_TYPE_DICT_ENTRY, nullptr, &entry);
+            dbus_message_iter_append_basic(&entry, DBUS_TYPE_STRING, &key);
+            dbus_message_iter_open_container(&entry, DBUS_TYPE_VARIANT, "i", &variant);
+            dbus_message_iter_append_basic(&variant, DBUS_TYPE_INT32, &count);
+            dbus_message_iter_close_container(&entry, &variant);
+            dbus_message_iter_close_container(&inner, &entry);
+            dbus_message_iter_close_container(&iter, &inner);
+        } else if (member == "GetExtents") {
+            dbus_message_iter_open_container(&iter, DBUS_TYPE_STRUCT, nullptr, &inner);
+            for (dbus_int32_t value : {10, 10, 100, 20})
+                dbus_message_iter_append_basic(&inner, DBUS_TYPE_INT32, &value);
+            dbus_message_iter_close_container(&iter, &inner);
+        } else if (member == "GetChildren" && std::string(path) == "/window") {
+            dbus_message_iter_open_container(&iter, DBUS_TYPE_ARRAY, "(so)", &inner);
+            for (const std::string& child : kChildren) {
+                DBusMessageIter ref;
+                const char* bus = kBus;
+                const char* object = child.c_str();
+                dbus_message_iter_open_container(&inner, DBUS_TYPE_STRUCT, nullptr, &ref);
+                dbus_message_iter_append_basic(&ref, DBUS_TYPE_STRING, &bus);
+                dbus_message_iter_append_basic(&ref, DBUS_TYPE_OBJECT_PATH, &object);
+                dbus_message_iter_close_container(&inner, &ref);
+            }
+            dbus_message_iter_close_container(&iter, &inner);
+        } else {
+            return fail();
+        }
+        return reply;
+    }
+
+    int peer_ = -1;
+    std::unique_ptr<DirectLink> link_;
+    std::thread thread_;
+    dbus_uint32_t serial_ = 0;
+    std::mutex mutex_;
+    std::vector<std::string> textsAsked_;
+};
+
+// Facts as an attribute read asks for them, from the script, with the order
+// of the role and text requests logged.
+struct LoggedFacts final : ElementFacts {
+    explicit LoggedFacts(ScriptedElement element) : element(std::move(element)) {}
+    ScriptedElement element;
+    std::vector<std::string> asked;
+
+    std::optional<int> role() override { return asked.push_back("role"), element.role; }
+    std::optional<StateBits> states() override { return StateBits{0}; }
+    std::optional<std::string> name() override { return std::nullopt; }
+    std::optional<std::string> description() override { return std::nullopt; }
+    std::optional<Extents> extents() override { return std::nullopt; }
+    std::optional<std::string> text() override { return asked.push_back("text"), element.text; }
+    std::optional<double> currentValue() override { return std::nullopt; }
+    std::optional<ElementList> children() override { return std::nullopt; }
+};
+
+// A read as text: its value, or "error".
+std::string outcome(const AttributeRead& read) {
+    if (read.code != kAXErrorSuccess) return "error";
+    if (auto* text = std::get_if<std::string>(&read.value)) return *text;
+    return "other";
+}
+
+struct Expected {
+    const char* path;
+    std::string value;                // "AXValue" as the core reads it
+    std::vector<std::string> asked;   // what an attribute read asks, in order
+};
+const Expected kExpected[] = {
+    {"/unread", "error", {"role"}},
+    {"/password", "error", {"role"}},
+    {"/entry", "visible", {"role", "text"}},
+};
+
+TEST(LinuxSecrecy, AnAttributeReadAsksForTextOnlyAfterTheRoleRuledOutPassword) {
+    for (const Expected& e : kExpected) {
+        LoggedFacts facts(elements().at(e.path));
+        EXPECT_EQ(outcome(readAttribute(facts, "AXValue")), e.value) << e.path;
+        EXPECT_EQ(facts.asked, e.asked) << e.path;
+    }
+}
+
+// The prefetch asks for an element's text only in a batch after the one
+// that brought its role, and not at all when the role did not come. What it
+// did not fetch is read live, through the attribute rule above.
+TEST(LinuxSecrecy, TheTreePrefetchAsksForTextOnlyAfterTheRoleRuledOutPassword) {
+    ScriptedApplication app;
+    TreeSnapshot snapshot({kBus, "/window"}, nullptr, app.link(), 2000, 10);
+    ASSERT_FALSE(snapshot.stalled());
+    EXPECT_EQ(app.textsAsked(), std::vector<std::string>{"/entry"});
+    for (const Expected& e : kExpected) {
+        LoggedFacts live(elements().at(e.path));
+        std::unique_ptr<ElementFacts> facts = snapshot.facts({kBus, e.path}, live);
+        ASSERT_TRUE(facts) << e.path;
+        EXPECT_EQ(outcome(readAttribute(*facts, "AXValue")), e.value) << e.path;
+        EXPECT_EQ(live.asked, std::vector<std::string>{}) << e.path << " was asked again";
+    }
+    EXPECT_EQ(app.textsAsked(), std::vector<std::string>{"/entry"});
+}
+
+// Typing watches the focused editor's text to see its keys arrive; it gets
+// an editor to watch only when the role was read and is not password text.
+TEST(LinuxSecrecy, TypingWatchesTheTextOnlyOfAnEditorWhoseRoleRuledOutPassword) {
+    ScriptedApplication app;
+    for (const Expected& e : kExpected) {
+        std::optional<ObjectRef> watched = readableText({kBus, e.path}, nullptr, 2000, app.link());
+        EXPECT_EQ(watched.has_value(), e.value != "error") << e.path;
+    }
+    EXPECT_EQ(app.textsAsked(), std::vector<std::string>{});
+}
+
+}  // namespace
+}  // namespace quorvel::linux_backend
