@@ -307,6 +307,8 @@ std::vector<Fault> faults() {
               [](FormScene& s) { s.desktop.imageBytes.reset(); }, msg::kCaptureFailed),
         fixed("image data missing", "copyImageData",
               [](FormScene& s) { s.desktop.imageHasData = false; }, msg::kCaptureFailed),
+        fixed("keyboard in another typist's use", "prepareText",
+              [](FormScene& s) { s.desktop.textRefusal = msg::kKeyboardBusy; }, msg::kKeyboardBusy),
         fixed("replacement rejected", "setAttributeValue",
               [](FormScene& s) { s.desktop.elements.at(s.editor).setCode = kAXErrorCannotComplete; },
               msg::kRejected),
@@ -456,6 +458,12 @@ TEST_P(FaultMatrix, ChecksStandWhereTheRulesPutThem) {
                   *log.guardValueRead);
         EXPECT_EQ(log.postsBefore(*log.guardValueRead),
                   scenario.action.find("type_into") != std::string::npos ? 2u : 0u);
+        // The keyboard is readied after the guards and before any key of the
+        // text, select-all included.
+        size_t prepared = log.next(0, is("prepareText"));
+        EXPECT_EQ(prepared == calls.size(), !scenario.set.empty()) << "set in one step, or typed";
+        EXPECT_GT(prepared, *log.guardValueRead);
+        EXPECT_EQ(log.postsBefore(prepared), log.postsBefore(*log.guardValueRead));
     }
     if (log.observation) {
         const Resolution& final = log.resolutions.back();

@@ -146,18 +146,18 @@ TEST(Type, ReplaceSetsTheValueWhenItCanElseSelectsAllAndTypes) {
         std::string text;
         Events posted;
         std::vector<std::pair<ElementId, std::string>> set;
-        std::vector<std::string> prepared;  // the whole text, after select-all
+        std::vector<std::string> prepared;  // the whole text, before select-all
     };
     const ElementId field = FormScene().editor;
     for (const Case& c : {
              Case{"settable", kAXErrorSuccess, true, "new", {}, {{field, "new"}}, {}},
              Case{"settable_and_empty", kAXErrorSuccess, true, "", {}, {{field, ""}}, {}},
              Case{"not_settable", kAXErrorSuccess, false, "new", testing::kSelectAll + typed("new"), {},
-                  {"2 new"}},
+                  {"0 new"}},
              Case{"query_fails", kAXErrorFailure, true, "new", testing::kSelectAll + typed("new"), {},
-                  {"2 new"}},
+                  {"0 new"}},
              Case{"not_settable_and_empty", kAXErrorSuccess, false, "", testing::kSelectAll, {},
-                  {"2 "}},
+                  {"0 "}},
          }) {
         SCOPED_TRACE(c.name);
         FormScene e;
@@ -167,6 +167,30 @@ TEST(Type, ReplaceSetsTheValueWhenItCanElseSelectsAllAndTypes) {
         EXPECT_EQ(e.desktop.postedLog(), c.posted);
         EXPECT_EQ(e.desktop.setValues, c.set);
         EXPECT_EQ(e.desktop.prepared, c.prepared);
+    }
+}
+
+// A backend may refuse to ready its keyboard for a text (another process
+// is typing with it): the refusal is its own sentence, and comes before any
+// key of the text, select-all included; a text with nothing to post never
+// asks.
+TEST(Type, AKeyboardThatCannotBeReadiedRefusesBeforeAnyKeyOfTheText) {
+    struct Case {
+        const char* name;
+        std::string text;
+        bool replace;
+        std::string outcome;
+    };
+    for (const Case& c : {Case{"type", "new", false, msg::kKeyboardBusy},
+                          Case{"replace_by_typing", "new", true, msg::kKeyboardBusy},
+                          Case{"clear_by_select_all", "", true, msg::kKeyboardBusy},
+                          Case{"nothing_to_post", "", false, kNoFailure}}) {
+        SCOPED_TRACE(c.name);
+        FormScene e;
+        e.desktop.textRefusal = msg::kKeyboardBusy;
+        EXPECT_EQ(typeInto(e, c.text, c.replace), c.outcome);
+        EXPECT_EQ(e.desktop.postedLog(), Events{});
+        EXPECT_EQ(e.desktop.count("prepareText"), c.outcome == kNoFailure ? 0 : 1);
     }
 }
 

@@ -46,6 +46,10 @@ inline constexpr char kFocusChanged[] =
     "The focused editor changed during input. Inspect before retrying.";
 inline constexpr char kTextInput[] = "Unable to create text input.";
 inline constexpr char kImageFormat[] = "Unsupported image format. Use \"png\".";
+// What a backend says when another process is typing with the keyboard (the
+// Linux backend's sentence; the fake says it when told to).
+inline constexpr char kKeyboardBusy[] =
+    "Another bridge is typing on this desktop. Retry when it has finished.";
 // The fake desktop's permission sentences.
 inline constexpr char kAccessibility[] =
     "Grant Accessibility access to Quorvel in macOS System Settings, then retry.";
@@ -60,7 +64,7 @@ inline const std::vector<std::string>& all() {
         kChanged,       kReadLimit,      kCaptureFailed, kPlaceCursor,   kScrollInput,
         kKeyboardInput, kOutside,        kMouseInput,    kFocusEditor,   kValueChanged,
         kRejected,      kFocusChanged,   kTextInput,     kAccessibility, kScreenRecording,
-        kImageFormat};
+        kImageFormat,   kKeyboardBusy};
     return sentences;
 }
 

@@ -1,3 +1,4 @@
+#include <optional>
 #include <string>
 
 #include "accessibility/element.h"
@@ -61,11 +62,14 @@ void type(Platform& platform, const std::string& text, bool replace, const std::
                 fail(kReplacementRejected);
             return;
         }
-        // The typed text replaces the selection.
-        key(platform, kVirtualKeyA, kCGEventFlagMaskCommand);
     }
+    // The keyboard is readied, or the text refused, before anything of it is
+    // posted, select-all included. Nothing to post needs no keyboard.
+    if (replace || !text.empty())
+        if (std::optional<std::string> refusal = platform.prepareText(text)) fail(*refusal);
+    // The typed text replaces the selection.
+    if (replace) key(platform, kVirtualKeyA, kCGEventFlagMaskCommand);
 
-    platform.prepareText(text);
     std::u16string chunk;
     chunk.reserve(kLongestChunk);
     for (char32_t cp : scalars(text)) {

@@ -224,10 +224,17 @@ public:
     virtual void setIntegerValueField(EventObject&, EventField, std::int64_t) = 0;
     virtual void post(EventTap, EventObject&) = 0;
     // `text` (UTF-8) is about to be posted, chunk by chunk, as Unicode
-    // keyboard events. A backend that must ready its keyboard for the
-    // characters (one that remaps keys) may do it here for all of them at
-    // once. Nothing is typed, and nothing the core sees can fail.
-    virtual void prepareText(std::string_view text) { (void)text; }
+    // keyboard events, after a select-all key press when it replaces the
+    // editor's value; nothing has been posted for it yet. A backend that
+    // must ready its keyboard for the characters (one that remaps keys) may
+    // do it here for all of them at once. Nothing is typed. Nothing when the
+    // keyboard is ready; otherwise the sentence that refuses the text (the
+    // keyboard is another process's to change just now), and then nothing
+    // is posted.
+    virtual std::optional<std::string> prepareText(std::string_view text) {
+        (void)text;
+        return std::nullopt;
+    }
 
     // --- Time ----------------------------------------------------------------
     virtual void sleep(double seconds) = 0;

@@ -121,13 +121,15 @@ public:
     // Creation of the Nth event (1-based, counted over all kinds, the
     // pointer read included) fails.
     std::set<int> failEventCreation;
+    // What readying the keyboard for a text answers: a refusal, or nothing.
+    std::optional<std::string> textRefusal;
 
     // --- What the fake records ------------------------------------------------
     std::vector<std::string> calls;  // e.g. "copyAttributeValue 3 AXRole", "sleep 0.1"
     std::vector<FakeEvent> posted;
     std::vector<std::pair<ElementId, std::string>> setValues;
     // Each text announced before typing, after the number of events posted
-    // by then: "0 hello".
+    // by then: "0 hello" (also logged in `calls` as "prepareText").
     std::vector<std::string> prepared;
     int scanBrackets = 0;  // open begin/end pairs; 0 when balanced
 
@@ -216,8 +218,10 @@ public:
     void setUnicodeString(EventObject&, std::span<const char16_t>) override;
     void setIntegerValueField(EventObject&, EventField, std::int64_t) override;
     void post(EventTap, EventObject&) override;
-    void prepareText(std::string_view text) override {
+    std::optional<std::string> prepareText(std::string_view text) override {
+        record("prepareText");
         prepared.push_back(std::to_string(posted.size()) + " " + std::string(text));
+        return textRefusal;
     }
     void sleep(double seconds) override;
 

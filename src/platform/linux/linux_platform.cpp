@@ -144,7 +144,9 @@ public:
         input_.setIntegerValueField(event, field, value);
     }
     void post(EventTap tap, EventObject& event) override { input_.post(tap, event); }
-    void prepareText(std::string_view text) override { input_.prepareText(text); }
+    std::optional<std::string> prepareText(std::string_view text) override {
+        return input_.prepareText(text);
+    }
 
     void sleep(double seconds) override {
         if (seconds > 0) std::this_thread::sleep_for(std::chrono::duration<double>(seconds));

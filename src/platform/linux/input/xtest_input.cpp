@@ -159,10 +159,13 @@ void XInput::setUnicodeString(EventObject& event, std::span<const char16_t> text
 // what the second click of a double click is.
 void XInput::setIntegerValueField(EventObject&, EventField, std::int64_t) {}
 
-void XInput::prepareText(std::string_view utf8) {
-    if (!connect()) return;
+std::optional<std::string> XInput::prepareText(std::string_view utf8) {
+    // Without a display the text events cannot be made either, which the
+    // core reports as such.
+    if (!connect()) return std::nullopt;
     typist_->honourTermination();
     typist_->prepare(scalars(utf8));
+    return std::nullopt;
 }
 
 void XInput::post(EventTap, EventObject& object) {

@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -65,7 +66,7 @@ public:
     void setUnicodeString(EventObject&, std::span<const char16_t>);
     void setIntegerValueField(EventObject&, EventField, std::int64_t);
     void post(EventTap, EventObject&);
-    void prepareText(std::string_view utf8);
+    std::optional<std::string> prepareText(std::string_view utf8);
 
 private:
     struct Connection;
