@@ -1,13 +1,15 @@
 // The parts of the XTest input side that need no X server: how spare
-// keycodes are lent, how key events become X chords, how pixels become wheel
-// steps and which keysym types a character. The rest is exercised against a
-// real desktop by the end-to-end tests.
+// keycodes are lent, the record of them left on the server and what of it is
+// given back, how key events become X chords, how pixels become wheel steps
+// and which keysym types a character. The rest is exercised against a real
+// desktop by the end-to-end tests.
 #include <X11/keysym.h>
 #include <gtest/gtest.h>
 
 #include <tuple>
 
 #include "platform/linux/input/xtest_input.h"
+#include "platform/linux/input/spare_key_record.h"
 #include "platform/linux/input/spare_keys.h"
 #include "platform/linux/input/typist.h"
 
@@ -85,6 +87,62 @@ TEST(SpareKeys, ReservedKeysymsStayUntilEveryEmptySlotIsTaken) {
     ASSERT_TRUE(keys.reserve(0x102));
     EXPECT_FALSE(keys.reserve(0x103));  // every slot holds a character
     EXPECT_EQ(keys.lent().size(), 3u);
+}
+
+// An empty spare keycode as XKB holds it, and one holding `syms`.
+KeyEntry emptyKey() { return KeyEntry{{0, 0, 0, 0}, 0, 0, {}}; }
+KeyEntry keyHolding(std::vector<unsigned long> syms) {
+    return KeyEntry{{static_cast<unsigned char>(syms.size() > 1 ? 1 : 0), 0, 0, 0}, 1,
+                    static_cast<unsigned char>(syms.size()), std::move(syms)};
+}
+
+TEST(SpareKeyRecord, ReadsBackWhatWasWrittenAndNothingElse) {
+    SpareKeyRecord record{4242,
+                          {{93, emptyKey(), {0x1004e00, 0x1004e01}},
+                           {97, keyHolding({0x61}), {XK_eacute}}}};
+    std::vector<long> items = encodeRecord(record);
+    EXPECT_EQ(decodeRecord(items.data(), items.size()), record);
+    SpareKeyRecord none{7, {}};
+    std::vector<long> empty = encodeRecord(none);
+    EXPECT_EQ(decodeRecord(empty.data(), empty.size()), none);
+
+    // Whatever else the property holds is no record: another format number,
+    // a key cut short, a keycode or a count out of range, items left over.
+    auto changed = [&](size_t at, long value) {
+        std::vector<long> copy = items;
+        copy[at] = value;
+        return copy;
+    };
+    const std::vector<long> broken[] = {
+        {},
+        changed(0, 2),
+        changed(2, 300),                                   // the first keycode
+        changed(9, 5000),                                  // its number of original keysyms
+        std::vector<long>(items.begin(), items.end() - 1),
+        [&] { auto more = items; more.push_back(93); return more; }(),
+    };
+    for (const std::vector<long>& items : broken)
+        EXPECT_FALSE(decodeRecord(items.data(), items.size())) << &items - broken;
+}
+
+// A key is given back only while it holds nothing but what the bridge put
+// there: a layout loaded after the bridge died may have a key of its own on
+// the keycode.
+TEST(SpareKeyRecord, GivesBackOnlyKeysThatHoldWhatTheBridgePutThere) {
+    const RecordedKey key{93, emptyKey(), {0x1004e00, 0x1004e01, XK_eacute}};
+    struct {
+        const char* name;
+        KeyEntry now;
+        bool restores;
+    } cases[] = {
+        {"as_found", emptyKey(), false},
+        {"one_character_the_bridge_put", keyHolding({XK_eacute}), true},
+        {"two_levels_the_bridge_put", keyHolding({0x1004e00, 0x1004e01}), true},
+        {"a_key_of_a_new_layout", keyHolding({XK_F13}), false},
+        {"partly_a_new_layout", keyHolding({XK_eacute, XK_F13}), false},
+        {"emptied_but_of_another_type", KeyEntry{{1, 0, 0, 0}, 1, 0, {}}, true},
+    };
+    for (const auto& c : cases) EXPECT_EQ(restoresTo(key, c.now), c.restores) << c.name;
 }
 
 TEST(Chords, MapToXKeysAndModifiers) {
