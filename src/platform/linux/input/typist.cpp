@@ -5,6 +5,7 @@
 #include <xkbcommon/xkbcommon.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "platform/linux/input/deferred_termination.h"
 
@@ -14,6 +15,14 @@ namespace {
 // At most this many batches may be sent but not yet handled: it keeps the
 // application's backlog, and so every later wait, short.
 constexpr HandledEvidence::Batch kBatchesInFlight = 4;
+
+// How long a text waits for another bridge to finish typing. Agents send
+// tool calls in parallel; a bridge types a thousand mixed characters in well
+// under a second, so this covers texts of several thousand. A longer one
+// may take minutes, and then a prompt refusal, which the agent can retry,
+// serves better than a bridge that sits waiting while its harness's own
+// time-out runs.
+constexpr std::chrono::seconds kClaimPatience{5};
 
 }  // namespace
 
@@ -25,7 +34,7 @@ KeySym keysymForCharacter(char32_t c) {
 }
 
 Typist::Typist(Display* display, FocusedText focusedText)
-    : display_(display), focusedText_(std::move(focusedText)) {}
+    : display_(display), focusedText_(std::move(focusedText)), claim_(display) {}
 
 Typist::~Typist() {
     restore();
@@ -35,6 +44,11 @@ Typist::~Typist() {
 void Typist::load() {
     if (loaded_) return;
     loaded_ = true;
+    // Read under the claim (a text), the mapping holds no other bridge's
+    // characters. Read without it (a key press), it may hold those of one
+    // that is typing; a key press looks up only keys that layouts have of
+    // their own, and borrows a keycode, under the claim, only when a layout
+    // lacks one.
     int opcode, event, error, major = XkbMajorVersion, minor = XkbMinorVersion;
     if (!XkbQueryExtension(display_, &opcode, &event, &error, &major, &minor)) return;
     xkb_ = XkbGetMap(display_, XkbKeyTypesMask | XkbKeySymsMask, XkbUseCoreKbd);
@@ -54,13 +68,9 @@ void Typist::load() {
     std::vector<SpareKeys::Keycode> spare;
     for (int keycode = xkb_->min_key_code; keycode <= xkb_->max_key_code; ++keycode) {
         if (XkbKeyNumSyms(xkb_, keycode) != 0 || modifier[keycode]) continue;
-        XkbSymMapPtr map = &xkb_->map->key_sym_map[keycode];
-        KeyEntry entry;
-        std::copy(std::begin(map->kt_index), std::end(map->kt_index), entry.types);
-        entry.groupInfo = map->group_info;
-        entry.width = map->width;
-        original_.emplace(static_cast<KeyCode>(keycode), entry);
-        spare.push_back(static_cast<SpareKeys::Keycode>(keycode));
+        auto spareKeycode = static_cast<KeyCode>(keycode);
+        original_.emplace(spareKeycode, entryOf(xkb_, spareKeycode));
+        spare.push_back(spareKeycode);
     }
     spare_ = SpareKeys(std::move(spare), shift_ ? 2 : 1);
 
@@ -108,7 +118,7 @@ void Typist::waitFor(HandledEvidence::Batch batch) {
 std::optional<KeyStroke> Typist::strokeFor(KeySym keysym) {
     if (keysym == NoSymbol) return std::nullopt;
     if (auto stroke = layoutStroke(keysym)) return stroke;
-    if (!spare_.available()) return std::nullopt;
+    if (!spare_.available() || !claim_.take(kClaimPatience)) return std::nullopt;
     if (!evidence_) evidence_ = focusedApplicationEvidence(display_, focusedText_);
 
     auto lease = spare_.lease(keysym, batch_, confirmed());
@@ -127,29 +137,6 @@ std::optional<KeyStroke> Typist::strokeFor(KeySym keysym) {
         remaps_.push_back(keycode);
     batchUsedSpare_ = true;
     return KeyStroke{keycode, lease->level == 1};
-}
-
-void Typist::setKeys(const std::vector<std::pair<KeyCode, KeyEntry>>& keys) {
-    // One request for the whole range of keycodes, the keys in between sent
-    // back unchanged: every client reloads its keymap once, not once per key.
-    KeyCode first = 255, last = 0;
-    for (const auto& [keycode, entry] : keys) {
-        KeySym* syms = XkbResizeKeySyms(xkb_, keycode, static_cast<int>(entry.syms.size()));
-        if (!syms) continue;
-        std::copy(entry.syms.begin(), entry.syms.end(), syms);
-        XkbSymMapPtr map = &xkb_->map->key_sym_map[keycode];
-        std::copy(std::begin(entry.types), std::end(entry.types), map->kt_index);
-        map->group_info = entry.groupInfo;
-        map->width = entry.width;
-        first = std::min(first, keycode);
-        last = std::max(last, keycode);
-    }
-    if (first > last) return;
-    XkbMapChangesRec changes{};
-    changes.changed = XkbKeySymsMask;
-    changes.first_key_sym = first;
-    changes.num_key_syms = static_cast<unsigned char>(last - first + 1);
-    XkbChangeMap(display_, xkb_, &changes);
 }
 
 void Typist::flush() {
@@ -172,7 +159,21 @@ void Typist::flush() {
             }
             keys.emplace_back(keycode, std::move(entry));
         }
-        setKeys(keys);
+        // Written down first: a bridge killed from here on leaves the
+        // record for the next one to give the keys back.
+        for (const auto& change : keys) {
+            KeyCode keycode = change.first;
+            auto known = std::find_if(recorded_.begin(), recorded_.end(),
+                                      [&](const RecordedKey& key) { return key.keycode == keycode; });
+            if (known == recorded_.end())
+                known = recorded_.insert(recorded_.end(), RecordedKey{keycode, original_[keycode], {}});
+            // What it holds until the change arrives, and after.
+            known->placed = entryOf(xkb_, keycode).syms;
+            known->placed.insert(known->placed.end(), change.second.syms.begin(),
+                                 change.second.syms.end());
+        }
+        claim_.record(recorded_);
+        changeKeys(display_, xkb_, keys);
         remaps_.clear();
     }
     for (const KeyStroke& stroke : queued_) {
@@ -194,7 +195,8 @@ void Typist::endBatch() {
     batchUsedSpare_ = false;
 }
 
-void Typist::prepare(std::u32string_view text) {
+bool Typist::prepare(std::u32string_view text) {
+    if (!claim_.take(kClaimPatience)) return false;
     load();
     for (char32_t c : text) {
         KeySym keysym = keysymForCharacter(c);
@@ -206,6 +208,7 @@ void Typist::prepare(std::u32string_view text) {
             remaps_.push_back(keycode);
     }
     flush();
+    return true;
 }
 
 void Typist::type(std::u32string_view text) {
@@ -231,8 +234,10 @@ void Typist::restore() {
         std::vector<std::pair<KeyCode, KeyEntry>> keys;
         for (SpareKeys::Keycode keycode : lent)
             keys.emplace_back(static_cast<KeyCode>(keycode), original_[static_cast<KeyCode>(keycode)]);
-        setKeys(keys);
+        changeKeys(display_, xkb_, keys);
         XSync(display_, False);
+        claim_.restored();
+        recorded_.clear();
         std::vector<SpareKeys::Keycode> all;
         for (const auto& [keycode, entry] : original_) all.push_back(keycode);
         spare_ = SpareKeys(std::move(all));

@@ -12,6 +12,11 @@
 // Every change of the mapping makes each client reload its keymap, which
 // costs a large application milliseconds, so the keycodes that one text
 // event needs are remapped together, in one request.
+//
+// The mapping is changed only under the keyboard claim (keyboard_claim.h),
+// which a text takes before its keys are looked up and keeps until the
+// process ends: two bridges never type at once, and every change is written
+// down on the server before it is made.
 #pragma once
 
 #include <X11/XKBlib.h>
@@ -25,6 +30,7 @@
 #include <vector>
 
 #include "platform/linux/input/handled_evidence.h"
+#include "platform/linux/input/keyboard_claim.h"
 #include "platform/linux/input/spare_keys.h"
 
 namespace quorvel::linux_backend {
@@ -47,17 +53,20 @@ public:
     Typist(const Typist&) = delete;
     Typist& operator=(const Typist&) = delete;
 
-    // Gives spare keycodes to the characters of `text` that the layout
-    // cannot type, as many as are free, in one change of the mapping: each
-    // change makes every client reload its keymap (the window manager
-    // re-grabs its key bindings), which costs far more than the typing.
-    void prepare(std::u32string_view text);
+    // Takes the keyboard claim, then gives spare keycodes to the characters
+    // of `text` that the layout cannot type, as many as are free, in one
+    // change of the mapping: each change makes every client reload its
+    // keymap (the window manager re-grabs its key bindings), which costs far
+    // more than the typing. False, with nothing changed, when another bridge
+    // kept the claim for as long as a text waits for it.
+    bool prepare(std::u32string_view text);
     // Presses and releases the key of every character, in order. A character
     // that has no keysym, or finds no key, is skipped.
     void type(std::u32string_view text);
 
     // The key that produces `keysym`, borrowing a spare keycode if needed
-    // (call `flush()` before pressing it); nothing when there is none.
+    // (call `flush()` before pressing it; a key press that borrows takes the
+    // claim first); nothing when there is none.
     std::optional<KeyStroke> strokeFor(KeySym keysym);
     // The layout's own key for `keysym` (modifier keys are never borrowed).
     std::optional<KeyStroke> layoutStroke(KeySym keysym);
@@ -68,20 +77,14 @@ public:
     void endBatch();
 
     // Waits for the application to handle the events that used spare
-    // keycodes, then gives them back their original (empty) mapping.
+    // keycodes, then gives them back their original (empty) mapping and
+    // deletes the record of them.
     void restore();
     // Restores at once and lets a held termination signal act.
     void honourTermination();
 
 private:
-    struct KeyEntry {  // one key's symbols, as the XKB client map holds them
-        unsigned char types[XkbNumKbdGroups] = {};
-        unsigned char groupInfo = 0;
-        unsigned char width = 0;
-        std::vector<KeySym> syms;
-    };
     void load();
-    void setKeys(const std::vector<std::pair<KeyCode, KeyEntry>>& keys);
     HandledEvidence::Batch confirmed();
     void waitFor(HandledEvidence::Batch batch);
 
@@ -92,6 +95,8 @@ private:
     std::unordered_map<KeySym, KeyStroke> layout_;
     KeyCode shift_ = 0;
     std::unordered_map<KeyCode, KeyEntry> original_;  // spare keycodes as found
+    KeyboardClaim claim_;
+    std::vector<RecordedKey> recorded_;  // what the claim's record says
     SpareKeys spare_{{}};
     std::vector<KeyCode> remaps_;  // keycodes whose new keysyms are not sent yet
     std::vector<KeyStroke> queued_;                   // not pressed yet

@@ -164,7 +164,8 @@ std::optional<std::string> XInput::prepareText(std::string_view utf8) {
     // core reports as such.
     if (!connect()) return std::nullopt;
     typist_->honourTermination();
-    typist_->prepare(scalars(utf8));
+    if (!typist_->prepare(scalars(utf8)))
+        return "Another bridge is typing on this desktop. Retry when it has finished.";
     return std::nullopt;
 }
 

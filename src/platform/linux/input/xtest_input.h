@@ -5,8 +5,11 @@
 // For the backend that owns an XInput:
 //   - XInput opens its own X connection on first use; when there is no
 //     display or no XTest extension, every event creation returns null.
-//   - Text typing may change the keyboard mapping; the destructor restores
-//     it, so the owner must destroy the XInput before the process exits
+//   - Text typing may change the keyboard mapping, and waits for, then
+//     holds, the keyboard claim (keyboard_claim.h): a text that another
+//     bridge keeps waiting is refused with a sentence of its own. The
+//     destructor restores the mapping and lets the claim go, so the owner
+//     must destroy the XInput before the process exits
 //     (a function-local static is destroyed on return from main), and
 //     before whatever answers `focusedText`: that restore may read the
 //     focused editor.
