@@ -10,6 +10,7 @@
 #include "platform/linux/text_recognition.h"
 #include "platform/linux/x11/capture.h"
 #include "platform/linux/x11/display.h"
+#include "platform/linux/input/keyboard_claim.h"
 #include "platform/linux/input/xtest_input.h"
 #include "platform/platform.h"
 
@@ -42,7 +43,7 @@ private:
 class LinuxPlatform final : public Platform {
 public:
     LinuxPlatform()
-        : accessibility_([this] { return display_.rootTextProperty("AT_SPI_BUS"); }),
+        : accessibility_([this] { return display().rootTextProperty("AT_SPI_BUS"); }),
           input_([this](std::int64_t pid) -> std::unique_ptr<EditorText> {
               std::optional<ObjectRef> text = accessibility_.focusedText(pid);
               if (!text) return nullptr;
@@ -58,10 +59,10 @@ public:
     }
 
     bool isProcessTrusted() override { return accessibility_.reachable(); }
-    bool preflightScreenCaptureAccess() override { return display_.get() != nullptr; }
+    bool preflightScreenCaptureAccess() override { return display().get() != nullptr; }
 
     Application frontmostApplication() override {
-        std::optional<ActiveClient> active = display_.activeClient();
+        std::optional<ActiveClient> active = display().activeClient();
         if (!active) return nullptr;
         // A window without a process id cannot be tied to an application on
         // the accessibility bus; it is still a foreground window.
@@ -100,12 +101,12 @@ public:
 
     std::optional<std::vector<WindowListEntry>> copyWindowInfo(std::uint32_t options,
                                                                std::uint32_t) override {
-        return display_.windowList((options & kCGWindowListOptionOnScreenOnly) != 0,
+        return display().windowList((options & kCGWindowListOptionOnScreenOnly) != 0,
                                    (options & kCGWindowListExcludeDesktopElements) != 0);
     }
     Image createWindowImage(const Rect& screenBounds, std::uint32_t, std::uint32_t windowID,
                             std::uint32_t) override {
-        std::optional<Pixels> pixels = captureWindow(display_.get(), windowID, screenBounds);
+        std::optional<Pixels> pixels = captureWindow(display().get(), windowID, screenBounds);
         if (!pixels) return nullptr;
         return std::make_shared<CapturedImage>(std::move(*pixels));
     }
@@ -153,6 +154,17 @@ public:
     }
 
 private:
+    // The display. The first request that reaches it first gives back the
+    // spare keycodes that a bridge killed while typing left changed, before
+    // anything is read or typed (keyboard_claim.h).
+    XDisplay& display() {
+        if (!keyboardChecked_) {
+            keyboardChecked_ = true;
+            repairAbandonedKeys(display_.get());
+        }
+        return display_;
+    }
+
     // The display outlives the accessibility side, which may read the bus
     // address from its root window; the accessibility side outlives the
     // input, whose typing evidence reads the focused editor through it.
@@ -160,6 +172,7 @@ private:
     Accessibility accessibility_;
     TextRecognizer recognizer_;
     XInput input_;
+    bool keyboardChecked_ = false;
 };
 
 }  // namespace
