@@ -11,11 +11,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <random>
 #include <stdexcept>
 #include <thread>
 
 #include "process.h"
+#include "unicode/unicode.h"
 
 extern char** environ;
 
@@ -113,6 +115,41 @@ Reply bridge(const Json& request) {
     return {result.out, Json::parse(result.out, nullptr, false), result.status};
 }
 
+std::vector<Reply> bridgesAtOnce(const std::vector<Json>& requests) {
+    struct Child {
+        pid_t pid;
+        int in;
+        std::FILE* out;
+    };
+    std::vector<Child> children;
+    for (size_t i = 0; i < requests.size(); ++i) {
+        int in[2];
+        std::FILE* out = std::tmpfile();
+        if (pipe(in) || !out) throw std::runtime_error("pipe");
+        children.push_back({spawn({QUORVEL_BRIDGE_BINARY}, in[0], fileno(out)), in[1], out});
+        close(in[0]);
+    }
+    for (size_t i = 0; i < requests.size(); ++i) {
+        std::string text = requests[i].dump();
+        if (write(children[i].in, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+            throw std::runtime_error("bridge gone");
+        close(children[i].in);
+    }
+    std::vector<Reply> replies;
+    for (Child& child : children) {
+        int status = 0;
+        waitpid(child.pid, &status, 0);
+        std::string out;
+        std::rewind(child.out);
+        char buffer[4096];
+        for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, child.out)) > 0;) out.append(buffer, n);
+        std::fclose(child.out);
+        replies.push_back({out, Json::parse(out, nullptr, false),
+                           WIFEXITED(status) ? WEXITSTATUS(status) : -1});
+    }
+    return replies;
+}
+
 pid_t startBridge(const Json& request) {
     int in[2];
     if (pipe(in)) throw std::runtime_error("pipe");
@@ -199,6 +236,29 @@ std::vector<unsigned long> keyboardMapping() {
     std::vector<unsigned long> mapping(rows, rows + (last - first + 1) * perKeycode);
     XFree(rows);
     return mapping;
+}
+
+bool rootHasProperty(const char* name) {
+    Display* x11 = display();
+    Atom property = XInternAtom(x11, name, True);
+    if (property == None) return false;
+    Atom type = None;
+    int format = 0;
+    unsigned long count = 0, after = 0;
+    unsigned char* data = nullptr;
+    XGetWindowProperty(x11, DefaultRootWindow(x11), property, 0, 0, False, AnyPropertyType, &type,
+                       &format, &count, &after, &data);
+    if (data) XFree(data);
+    return type != None;
+}
+
+std::string ideographs(size_t count, size_t lineLength) {
+    std::string text;
+    for (char32_t c = 0x4E00; c < 0x4E00 + count; ++c) {
+        appendUtf8(text, c);
+        if ((c - 0x4E00) % lineLength == lineLength - 1) text += '\n';
+    }
+    return text;
 }
 
 std::string mixedText(size_t length, size_t lineLength, unsigned seed) {

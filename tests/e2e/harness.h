@@ -59,6 +59,9 @@ struct Reply {
 
 // One bridge run with `request` on its standard input, in this session.
 Reply bridge(const Json& request);
+// One bridge per request, all started together: each reads its whole
+// request before it does anything, and they are all handed theirs at once.
+std::vector<Reply> bridgesAtOnce(const std::vector<Json>& requests);
 // The bridge started in the background with `request`; the caller waits for it.
 pid_t startBridge(const Json& request);
 
@@ -87,9 +90,14 @@ void movePointer(int x, int y);
 std::pair<int, int> pointerPosition();
 // Every keycode's keysyms, to compare the mapping before and after.
 std::vector<unsigned long> keyboardMapping();
+// Whether the root window has the property `name`.
+bool rootHasProperty(const char* name);
 
 // Mixed text: ASCII, accented Latin, Greek, CJK and emoji, lines of at most
 // `lineLength` characters, `length` scalar values in all, as UTF-8.
 std::string mixedText(size_t length, size_t lineLength, unsigned seed);
+// `count` ideographs from U+4E00 on, each once, with a line break after
+// every `lineLength`: far more distinct characters than there are spare keys.
+std::string ideographs(size_t count, size_t lineLength);
 
 }  // namespace quorvel::e2e

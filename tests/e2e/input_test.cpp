@@ -1,15 +1,11 @@
 // End-to-end input: the bridge, run as the agent runs it, acting on the GTK
 // fixture in a virtual desktop through XTest, and every guard in its way.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <optional>
-#include <thread>
 
 #include "harness.h"
-#include "unicode/unicode.h"
 
 namespace quorvel::e2e {
 namespace {
@@ -57,17 +53,6 @@ Json typeText(const std::string& text, const std::string& expected) {
 
 Json succeeded() { return {{"ok", true}, {"result", {{"input_dispatched", true}, {"server_save_verified", false}}}}; }
 Json refused(const std::string& message) { return {{"ok", false}, {"error", message}}; }
-
-// `count` ideographs from U+4E00 on, each once, with a line break after
-// every `lineLength`: far more distinct characters than there are spare keys.
-std::string ideographs(size_t count, size_t lineLength) {
-    std::string text;
-    for (char32_t c = 0x4E00; c < 0x4E00 + count; ++c) {
-        appendUtf8(text, c);
-        if ((c - 0x4E00) % lineLength == lineLength - 1) text += '\n';
-    }
-    return text;
-}
 
 // The editor a "type_into" aims at is focused beforehand through the
 // fixture: the click of "type_into" then finds it focused however long a
@@ -265,24 +250,6 @@ TEST_F(Input, ScrollMovesTheListUnderThePointerAndNeverThePointer) {
     std::string up = settledLabel("Scroll:", [&](const std::string& l) { return l != down; });
     EXPECT_LT(offset(up), offset(down));
     EXPECT_EQ(pointerPosition(), std::make_pair(x, y));
-}
-
-TEST_F(Input, KeyboardMappingIsRestoredWhenTerminatedWhileTyping) {
-    std::vector<unsigned long> mapping = keyboardMapping();
-    fixture.command("notes ");
-    fixture.command("focus notes");
-    Json scope = observe()["scope"];
-    pid_t bridge = startBridge(actRequest(scope, typeText(ideographs(1500, 40), "")));
-    // Terminate it only once it has changed the mapping.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (keyboardMapping() == mapping && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_NE(keyboardMapping(), mapping) << "the bridge never changed the mapping";
-    kill(bridge, SIGTERM);
-    int status = 0;
-    waitpid(bridge, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
-    EXPECT_EQ(keyboardMapping(), mapping);
 }
 
 }  // namespace

@@ -1,0 +1,142 @@
+// End-to-end: the keyboard mapping that typing borrows spare keycodes from
+// is never left changed, however a bridge ends, and never shared by two
+// bridges at once.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <iostream>
+#include <thread>
+
+#include "harness.h"
+
+namespace quorvel::e2e {
+namespace {
+
+constexpr char kRecord[] = "_QUORVEL_SPARE_KEYS";
+constexpr char kKeyboardBusy[] =
+    "Another bridge is typing on this desktop. Retry when it has finished.";
+constexpr char kValueChanged[] = "The editor value changed since observation. Nothing was typed.";
+
+Json typeText(const std::string& text, const std::string& expected) {
+    return {{"kind", "type"}, {"value", text}, {"replace", false}, {"expected_value", expected}};
+}
+
+std::string notesValue(const Json& observation) {
+    Json notes = node(observation, "Notes", {"AXTextArea"});
+    return notes.is_null() ? std::string("<missing>") : notes.value("value", "");
+}
+
+struct Ending {
+    const char* name;
+    int signal;
+    std::string text;
+    bool restoresItself;  // before it dies
+};
+
+void PrintTo(const Ending& ending, std::ostream* os) { *os << ending.name; }
+
+class EndedWhileTyping : public ::testing::TestWithParam<Ending> {
+protected:
+    Fixture fixture;
+};
+
+// A bridge that is terminated restores the mapping itself; one that is
+// killed cannot, and the next bridge run, even one that only observes,
+// restores it from the record the killed one left on the server. With more
+// distinct characters than spare keys, keys are reassigned while typing, so
+// the kill finds them holding whatever they were given last.
+TEST_P(EndedWhileTyping, TheMappingIsAsFoundOnceTheNextBridgeHasRun) {
+    const Ending& ending = GetParam();
+    std::vector<unsigned long> mapping = keyboardMapping();
+    ASSERT_FALSE(rootHasProperty(kRecord));
+    fixture.command("notes ");
+    fixture.command("focus notes");
+    Json scope = observe()["scope"];
+    pid_t typist = startBridge(actRequest(scope, typeText(ending.text, "")));
+    // It is ended only in the middle of its text, with the mapping changed.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while ((keyboardMapping() == mapping || !rootHasProperty(kRecord)) &&
+           std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_NE(keyboardMapping(), mapping) << "the bridge never changed the mapping";
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    kill(typist, ending.signal);
+    int status = 0;
+    waitpid(typist, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == ending.signal) << status;
+    EXPECT_EQ(keyboardMapping() == mapping, ending.restoresItself);
+    EXPECT_EQ(rootHasProperty(kRecord), !ending.restoresItself);
+
+    observe("context");
+    EXPECT_EQ(keyboardMapping(), mapping);
+    EXPECT_FALSE(rootHasProperty(kRecord));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Signals, EndedWhileTyping,
+    ::testing::Values(Ending{"terminated", SIGTERM, mixedText(3000, 60, 5), true},
+                      Ending{"killed", SIGKILL, mixedText(3000, 60, 5), false},
+                      Ending{"killed_while_keys_are_reassigned", SIGKILL, ideographs(1500, 40), false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Two bridges handed different texts at the same moment type into the one
+// focused editor (two editors cannot both have the focus): one of them waits
+// for the other to finish, so each text arrives whole and exactly, one after
+// the other. A bridge may instead be refused before it types anything: the
+// keyboard stayed the other's too long, or the other's text reached the
+// editor before its own guard read the value. Never is a character wrong.
+TEST(TwoBridges, TypingAtOnceTakeTurnsAndNeverMixTheirCharacters) {
+    Fixture fixture;
+    std::vector<unsigned long> mapping = keyboardMapping();
+    fixture.command("focus notes");
+    int bothTyped = 0, busy = 0, changed = 0;
+    for (unsigned round = 0; round < 20; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round + 1));
+        fixture.command("notes ");
+        Json seen = observeUntil([](const Json& o) { return notesValue(o).empty(); });
+        ASSERT_EQ(notesValue(seen), "");
+        // Different characters in each text, so that each needs spare keys
+        // of its own.
+        const std::string texts[] = {mixedText(40, 100, 2 * round + 1),
+                                     mixedText(40, 100, 2 * round + 2)};
+        std::vector<Reply> replies = bridgesAtOnce(
+            {actRequest(seen["scope"], typeText(texts[0], "")),
+             actRequest(seen["scope"], typeText(texts[1], ""))});
+
+        std::vector<std::string> possible;  // what the editor may hold now
+        bool typed[2];
+        for (int i = 0; i < 2; ++i) {
+            typed[i] = replies[i].ok();
+            if (!typed[i]) {
+                busy += replies[i].error() == kKeyboardBusy;
+                changed += replies[i].error() == kValueChanged;
+                EXPECT_TRUE(replies[i].error() == kKeyboardBusy ||
+                            replies[i].error() == kValueChanged)
+                    << replies[i].raw;
+            }
+        }
+        if (typed[0] && typed[1]) {
+            ++bothTyped;
+            possible = {texts[0] + texts[1], texts[1] + texts[0]};
+        } else {
+            possible = {typed[0] ? texts[0] : typed[1] ? texts[1] : ""};
+        }
+        auto isPossible = [&](const std::string& value) {
+            return std::find(possible.begin(), possible.end(), value) != possible.end();
+        };
+        std::string value = notesValue(observeUntil([&](const Json& o) { return isPossible(notesValue(o)); }));
+        EXPECT_PRED1(isPossible, value) << "typed: " << typed[0] << typed[1];
+    }
+    std::cout << "[ two bridges ] both typed in " << bothTyped << " of 20 rounds; refused: "
+              << busy << " kept waiting, " << changed << " value changed\n";
+    // The rounds where both typed are the ones where the keyboard was taken
+    // in turn.
+    EXPECT_GT(bothTyped, 0);
+    EXPECT_EQ(keyboardMapping(), mapping);
+    EXPECT_FALSE(rootHasProperty(kRecord));
+}
+
+}  // namespace
+}  // namespace quorvel::e2e
