@@ -27,6 +27,9 @@ enum AtomName {
     kTypeDock,
     kStateAbove,
     kStateBelow,
+    kGtkFrameExtents,
+    kWmName,
+    kUtf8String,
     kAtomCount
 };
 static_assert(kAtomCount == XDisplay::kAtoms);
@@ -34,7 +37,8 @@ constexpr const char* kAtomNames[kAtomCount] = {
     "_NET_ACTIVE_WINDOW",          "_NET_CLIENT_LIST_STACKING",  "_NET_WM_PID",
     "_NET_WM_WINDOW_TYPE",         "_NET_WM_STATE",              "_NET_FRAME_EXTENTS",
     "_NET_WM_WINDOW_TYPE_DESKTOP", "_NET_WM_WINDOW_TYPE_DOCK",   "_NET_WM_STATE_ABOVE",
-    "_NET_WM_STATE_BELOW",
+    "_NET_WM_STATE_BELOW",         "_GTK_FRAME_EXTENTS",         "_NET_WM_NAME",
+    "UTF8_STRING",
 };
 
 struct Free {
@@ -92,30 +96,27 @@ std::optional<std::int64_t> process(xcb_connection_t* connection,
     return static_cast<std::int64_t>(pid->front());
 }
 
-// Layers of the window list. Normal windows are on layer 0, the only one the
-// foreground match accepts; the others keep panels, the desktop and windows
-// kept above or below out of it.
+// Layers of the window list. Normal windows are on layer 0 (ClientWindow's
+// default), the only one the foreground match accepts; the others keep
+// panels, the desktop and windows kept above or below out of it.
 constexpr std::int64_t kDesktopLayer = -20;
 constexpr std::int64_t kBelowLayer = -1;
-constexpr std::int64_t kNormalLayer = 0;
 constexpr std::int64_t kAboveLayer = 3;
 constexpr std::int64_t kDockLayer = 20;
 
-// _NET_FRAME_EXTENTS: what the window manager's frame adds on each side.
-struct FrameExtents {
-    long left = 0;
-    long right = 0;
-    long top = 0;
-    long bottom = 0;
-};
+// Four CARDINALs, left, right, top, bottom; nothing otherwise.
+std::optional<Insets> insets(const std::optional<std::vector<std::uint32_t>>& items) {
+    if (!items || items->size() != 4) return std::nullopt;
+    return Insets{static_cast<long>((*items)[0]), static_cast<long>((*items)[1]),
+                  static_cast<long>((*items)[2]), static_cast<long>((*items)[3])};
+}
 
-
-// A client window's bounds with the frame around it, in root coordinates:
-// what GTK and the other toolkits report to AT-SPI as a top-level's extents.
-Rect framedBounds(int clientX, int clientY, int width, int height, const FrameExtents& frame) {
-    return Rect{static_cast<double>(clientX - frame.left), static_cast<double>(clientY - frame.top),
-                static_cast<double>(width + frame.left + frame.right),
-                static_cast<double>(height + frame.top + frame.bottom)};
+std::optional<std::string> utf8(xcb_connection_t* connection, xcb_get_property_cookie_t cookie,
+                                xcb_atom_t type) {
+    auto reply = take(xcb_get_property_reply, connection, cookie);
+    if (!reply || reply->type != type || reply->format != 8) return std::nullopt;
+    return std::string(static_cast<const char*>(xcb_get_property_value(reply.get())),
+                       static_cast<size_t>(xcb_get_property_value_length(reply.get())));
 }
 
 bool contains(const std::optional<std::vector<std::uint32_t>>& list, xcb_atom_t atom) {
@@ -123,6 +124,12 @@ bool contains(const std::optional<std::vector<std::uint32_t>>& list, xcb_atom_t 
 }
 
 }  // namespace
+
+Rect framed(const ClientWindow& w) {
+    return Rect{w.client.x - w.frame.left, w.client.y - w.frame.top,
+                w.client.width + w.frame.left + w.frame.right,
+                w.client.height + w.frame.top + w.frame.bottom};
+}
 
 std::optional<std::int64_t> processOf(Display* display, unsigned long window) {
     xcb_connection_t* c = XGetXCBConnection(display);
@@ -218,13 +225,12 @@ struct Questions {
     xcb_get_window_attributes_cookie_t attributes;
     xcb_get_geometry_cookie_t geometry;
     xcb_translate_coordinates_cookie_t origin;
-    xcb_get_property_cookie_t types, states, pid, frame;
+    xcb_get_property_cookie_t types, states, pid, frame, shadow, name;
 };
 
 }  // namespace
 
-std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOnly,
-                                                                 bool excludeDesktop) {
+std::optional<ClientWindows> XDisplay::clientWindows() {
     xcb_connection_t* c = connection();
     if (!c) return std::nullopt;
     // Every question about every window goes out before the first answer is
@@ -242,18 +248,23 @@ std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOn
                              askProperty(c, client, atom(kWmWindowType), XCB_ATOM_ATOM),
                              askProperty(c, client, atom(kWmState), XCB_ATOM_ATOM),
                              askProcess(c, client, atom(kWmPid)),
-                             askProperty(c, client, atom(kFrameExtents), XCB_ATOM_CARDINAL)});
+                             askProperty(c, client, atom(kFrameExtents), XCB_ATOM_CARDINAL),
+                             askProperty(c, client, atom(kGtkFrameExtents), XCB_ATOM_CARDINAL),
+                             askProperty(c, client, atom(kWmName), atom(kUtf8String))});
         }
         return asked;
     };
     auto stackingCookie = askProperty(c, root(), atom(kClientListStacking), XCB_ATOM_WINDOW);
+    auto activeCookie = askProperty(c, root(), atom(kActiveWindow), XCB_ATOM_WINDOW);
     std::vector<Questions> asked = askAll(lastStacking_);
     auto stacking = items(c, stackingCookie, XCB_ATOM_WINDOW);
+    auto active = items(c, activeCookie, XCB_ATOM_WINDOW);
     if (!stacking || *stacking != lastStacking_) {
         for (const Questions& q : asked)
-            for (unsigned sequence : {q.attributes.sequence, q.geometry.sequence, q.origin.sequence,
-                                      q.types.sequence, q.states.sequence, q.pid.sequence,
-                                      q.frame.sequence})
+            for (unsigned sequence :
+                 {q.attributes.sequence, q.geometry.sequence, q.origin.sequence, q.types.sequence,
+                  q.states.sequence, q.pid.sequence, q.frame.sequence, q.shadow.sequence,
+                  q.name.sequence})
                 xcb_discard_reply(c, sequence);
         asked.clear();
         if (!stacking) return std::nullopt;
@@ -261,7 +272,8 @@ std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOn
         asked = askAll(*stacking);
     }
 
-    std::vector<WindowListEntry> entries;
+    ClientWindows result;
+    if (active && !active->empty()) result.active = active->front();
     for (const Questions& q : asked) {
         // Every answer is collected, also those of windows left out.
         auto attributes = take(xcb_get_window_attributes_reply, c, q.attributes);
@@ -270,28 +282,44 @@ std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOn
         auto types = items(c, q.types, XCB_ATOM_ATOM);
         auto states = items(c, q.states, XCB_ATOM_ATOM);
         auto pid = process(c, q.pid);
-        auto frameItems = items(c, q.frame, XCB_ATOM_CARDINAL);
+        auto frame = insets(items(c, q.frame, XCB_ATOM_CARDINAL));
+        auto shadow = insets(items(c, q.shadow, XCB_ATOM_CARDINAL));
+        auto name = utf8(c, q.name, atom(kUtf8String));
         if (!attributes || !geometry) continue;  // gone since the list was read
-        if (onScreenOnly && attributes->map_state != XCB_MAP_STATE_VIEWABLE) continue;
-        bool desktop = contains(types, atom(kTypeDesktop));
-        if (excludeDesktop && desktop) continue;
-        std::int64_t layer = kNormalLayer;
-        if (desktop) layer = kDesktopLayer;
-        else if (contains(types, atom(kTypeDock))) layer = kDockLayer;
-        else if (contains(states, atom(kStateAbove))) layer = kAboveLayer;
-        else if (contains(states, atom(kStateBelow))) layer = kBelowLayer;
         if (!origin || !origin->same_screen) continue;
+        ClientWindow window;
+        window.id = q.client;
+        window.pid = pid;
+        window.viewable = attributes->map_state == XCB_MAP_STATE_VIEWABLE;
+        window.desktop = contains(types, atom(kTypeDesktop));
+        if (window.desktop) window.layer = kDesktopLayer;
+        else if (contains(types, atom(kTypeDock))) window.layer = kDockLayer;
+        else if (contains(states, atom(kStateAbove))) window.layer = kAboveLayer;
+        else if (contains(states, atom(kStateBelow))) window.layer = kBelowLayer;
+        window.client = Rect{static_cast<double>(origin->dst_x), static_cast<double>(origin->dst_y),
+                             static_cast<double>(geometry->width),
+                             static_cast<double>(geometry->height)};
+        if (frame) window.frame = *frame;
+        window.shadow = shadow;
+        window.name = std::move(name);
+        result.windows.push_back(std::move(window));
+    }
+    return result;
+}
 
+std::optional<std::vector<WindowListEntry>> XDisplay::windowList(bool onScreenOnly,
+                                                                 bool excludeDesktop) {
+    std::optional<ClientWindows> clients = clientWindows();
+    if (!clients) return std::nullopt;
+    std::vector<WindowListEntry> entries;
+    for (const ClientWindow& window : clients->windows) {
+        if (onScreenOnly && !window.viewable) continue;
+        if (excludeDesktop && window.desktop) continue;
         WindowListEntry entry;
-        if (pid) entry.ownerPID = *pid;
-        entry.layer = layer;
-        entry.number = static_cast<std::int64_t>(q.client);
-        FrameExtents frame;
-        if (frameItems && frameItems->size() == 4)
-            frame = {static_cast<long>((*frameItems)[0]), static_cast<long>((*frameItems)[1]),
-                     static_cast<long>((*frameItems)[2]), static_cast<long>((*frameItems)[3])};
-        entry.bounds = framedBounds(origin->dst_x, origin->dst_y, geometry->width,
-                                    geometry->height, frame);
+        if (window.pid) entry.ownerPID = *window.pid;
+        entry.layer = window.layer;
+        entry.number = static_cast<std::int64_t>(window.id);
+        entry.bounds = framed(window);
         entries.push_back(std::move(entry));
     }
     return entries;
