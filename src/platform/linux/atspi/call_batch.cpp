@@ -48,6 +48,15 @@ void CallBatch::wait() {
     for (size_t i = 0; i < pending_.size(); ++i) {
         DBusPendingCall* pending = pending_[i];
         if (!pending) continue;
+        // Every call went out at about the same moment, so once one has
+        // timed out, so has every other still unanswered: libdbus would
+        // otherwise wait the whole time-out again for each of them.
+        if (timedOut_ && !dbus_pending_call_get_completed(pending)) {
+            dbus_pending_call_cancel(pending);
+            dbus_pending_call_unref(pending);
+            pending_[i] = nullptr;
+            continue;
+        }
         dbus_pending_call_block(pending);
         DBusMessage* reply = dbus_pending_call_steal_reply(pending);
         dbus_pending_call_unref(pending);
@@ -58,8 +67,11 @@ void CallBatch::wait() {
                          !std::strcmp(name, DBUS_ERROR_TIMEOUT) ||
                          !std::strcmp(name, DBUS_ERROR_TIMED_OUT)))
                 timedOut_ = true;
+            // Qt answers an interface it lacks (Collection) with "no such
+            // object".
             unsupported_[i] = name && (!std::strcmp(name, DBUS_ERROR_UNKNOWN_METHOD) ||
-                                       !std::strcmp(name, DBUS_ERROR_UNKNOWN_INTERFACE));
+                                       !std::strcmp(name, DBUS_ERROR_UNKNOWN_INTERFACE) ||
+                                       !std::strcmp(name, DBUS_ERROR_UNKNOWN_OBJECT));
             dbus_message_unref(reply);
             reply = nullptr;
         }

@@ -35,7 +35,7 @@ public:
     // The reply of call `index` after `wait`, handed over; null when it failed.
     Message take(size_t index);
     // Whether call `index` was refused because its object lacks the method
-    // or the interface.
+    // or the interface (or, as Qt says it, does not exist).
     bool unsupported(size_t index) const;
     // Whether some application did not answer in time.
     bool timedOut() const { return timedOut_; }

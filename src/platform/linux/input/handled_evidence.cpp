@@ -36,9 +36,10 @@ public:
           protocols_(XInternAtom(display, "WM_PROTOCOLS", False)),
           ping_(XInternAtom(display, "_NET_WM_PING", False)) {
         // The application answers on the root window, to whoever listens for
-        // substructure notifications there.
+        // substructure notifications there (GTK), or structure notifications
+        // (Qt 5).
         XWindowAttributes attributes;
-        long mask = SubstructureNotifyMask;
+        long mask = SubstructureNotifyMask | StructureNotifyMask;
         if (XGetWindowAttributes(display, DefaultRootWindow(display), &attributes))
             mask |= attributes.your_event_mask;
         XSelectInput(display, DefaultRootWindow(display), mask);
