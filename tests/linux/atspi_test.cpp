@@ -44,6 +44,7 @@ struct ScriptedFacts final : ElementFacts {
     std::optional<std::string> name() override { return std::nullopt; }
     std::optional<std::string> description() override { return std::nullopt; }
     std::optional<Extents> extents() override { return extentsValue; }
+    std::optional<std::vector<std::string>> interfaces() override { return std::nullopt; }
     std::optional<std::string> text() override { return ++textAsked, "hunter2"; }
     std::optional<double> currentValue() override { return valueValue; }
     std::optional<ElementList> children() override { return std::nullopt; }

@@ -1,17 +1,24 @@
 // The Linux desktop: AT-SPI2 for accessibility, Xlib with the window
 // manager's EWMH properties for the foreground window and the window list,
 // Composite for window images, Tesseract for text recognition. The event
-// side (XTest) lives in XInput; this class forwards to it one for one.
-#include <thread>
+// side (XTest) lives in XInput; this class forwards to it one for one. What
+// a top-level's frame and title mean is decided where both sides meet
+// (window_identity.h).
+#include <atspi/atspi-constants.h>
+
 #include <chrono>
+#include <thread>
 
 #include "platform/linux/atspi/accessibility.h"
+#include "platform/linux/atspi/accessible_element.h"
+#include "platform/linux/atspi/bus.h"
 #include "platform/linux/png_encoder.h"
 #include "platform/linux/text_recognition.h"
 #include "platform/linux/x11/capture.h"
 #include "platform/linux/x11/display.h"
 #include "platform/linux/input/keyboard_claim.h"
 #include "platform/linux/input/xtest_input.h"
+#include "platform/linux/window_identity.h"
 #include "platform/platform.h"
 
 namespace quorvel {
@@ -62,6 +69,13 @@ public:
     bool preflightScreenCaptureAccess() override { return display().get() != nullptr; }
 
     Application frontmostApplication() override {
+        // Every observation and every input asks this first ("capabilities"
+        // never does): as an assistive technology, the bridge turns the
+        // session's accessibility flag on when it finds it off.
+        if (!flagChecked_) {
+            flagChecked_ = true;
+            turnOnAccessibility(kFlagTimeoutMs);
+        }
         std::optional<ActiveClient> active = display().activeClient();
         if (!active) return nullptr;
         // A window without a process id cannot be tied to an application on
@@ -85,6 +99,16 @@ public:
         accessibility_.setTimeout(seconds);
     }
     AttributeRead copyAttributeValue(const Element& element, std::string_view attribute) override {
+        auto* object = dynamic_cast<const AccessibleElement*>(element.get());
+        if (object && object->topLevel()) {
+            if (attribute == "AXPosition" || attribute == "AXSize") return frame(element, attribute);
+            if (attribute == "AXTitle") {
+                AttributeRead read = accessibility_.read(element, attribute);
+                if (auto* name = std::get_if<std::string>(&read.value))
+                    *name = windowTitle(std::move(*name));
+                return read;
+            }
+        }
         return accessibility_.read(element, attribute);
     }
     AXError isAttributeSettable(const Element& element, std::string_view attribute,
@@ -165,6 +189,26 @@ private:
         return display_;
     }
 
+    static constexpr int kFlagTimeoutMs = 1000;
+
+    // A top-level's position or size: the whole window, as the window list
+    // has it (window_identity.h), from both sides read afresh.
+    AttributeRead frame(const Element& element, std::string_view attribute) {
+        std::optional<Accessibility::TopLevel> top = accessibility_.topLevel(element);
+        std::optional<ClientWindows> clients = display().clientWindows();
+        if (!top || !clients) return {kAXErrorCannotComplete, {}};
+        TopLevelFacts facts;
+        facts.extents = top->extents;
+        facts.name = top->name.value_or("");
+        facts.active = top->states && hasState(*top->states, ATSPI_STATE_ACTIVE);
+        facts.pid = top->pid.value_or(-1);
+        facts.relativeCoordinates = top->relativeCoordinates;
+        std::optional<Rect> rect = accessibilityFrame(facts, *clients);
+        if (!rect) return {kAXErrorNoValue, {}};
+        if (attribute == "AXPosition") return {kAXErrorSuccess, Point{rect->x, rect->y}};
+        return {kAXErrorSuccess, Size{rect->width, rect->height}};
+    }
+
     // The display outlives the accessibility side, which may read the bus
     // address from its root window; the accessibility side outlives the
     // input, whose typing evidence reads the focused editor through it.
@@ -173,6 +217,7 @@ private:
     TextRecognizer recognizer_;
     XInput input_;
     bool keyboardChecked_ = false;
+    bool flagChecked_ = false;
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <atspi/atspi.h>
 
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <vector>
@@ -36,9 +37,10 @@ std::vector<std::optional<StateBits>> statesOf(const ElementList& elements, DBus
     return states;
 }
 
-// The first descendant of `window` with the FOCUSED state, found by the
-// application itself in one Collection query: null when there is none or the
-// application did not answer, empty when it offers no Collection interface.
+// The first descendant of `window` with the FOCUSED and FOCUSABLE states
+// (focusedDescendantCall), found by the application itself in one Collection
+// query: null when there is none or the application did not answer, empty
+// when it offers no Collection interface.
 std::optional<Element> focusedByCollection(const ObjectRef& window, DBusConnection* bus,
                                            int timeoutMs) {
     CallBatch batch(bus, timeoutMs);
@@ -69,14 +71,16 @@ Element focusedByWalk(const Element& window, DBusConnection* bus, int timeoutMs)
     while (!level.empty() && seen < kFocusSearchLimit) {
         std::vector<Element> next;
         for (const Element& element : level) {
-            LiveFacts facts(atspi(element)->ref(), bus, timeoutMs);
+            LiveFacts facts(atspi(element)->ref(), bus, timeoutMs, nullptr, ChildRule::All);
             if (auto children = facts.children())
                 next.insert(next.end(), children->begin(), children->end());
         }
         seen += next.size();
         std::vector<std::optional<StateBits>> states = statesOf(next, bus, timeoutMs);
         for (size_t i = 0; i < next.size(); ++i)
-            if (states[i] && hasState(*states[i], ATSPI_STATE_FOCUSED)) return next[i];
+            if (states[i] && hasState(*states[i], ATSPI_STATE_FOCUSED) &&
+                hasState(*states[i], ATSPI_STATE_FOCUSABLE))
+                return next[i];
         level = std::move(next);
     }
     return nullptr;
@@ -88,6 +92,32 @@ Accessibility::Accessibility(std::function<std::optional<std::string>()> rootWin
     : rootWindowAddress_(std::move(rootWindowAddress)) {}
 
 Accessibility::~Accessibility() = default;
+
+const Accessibility::ApplicationFacts& Accessibility::applicationFacts(const std::string& bus,
+                                                                      bool retry) {
+    auto known = applications_.find(bus);
+    if (known != applications_.end() && (known->second.answered || !retry)) return known->second;
+    DBusConnection* connection = atspi_get_a11y_bus();
+    CallBatch batch(connection, timeoutMs_);
+    size_t address = batch.add(applicationBusAddressCall(bus));
+    size_t toolkit = batch.add(applicationPropertyCall(bus, "ToolkitName"));
+    size_t version = batch.add(applicationPropertyCall(bus, "Version"));
+    size_t pid = batch.add(processIdCall(bus));
+    batch.wait();
+    ApplicationFacts facts;
+    facts.answered = !batch.timedOut();
+    facts.address = parseApplicationBusAddress(batch.reply(address));
+    // GTK 3 calls itself "gtk", GTK 4 "GTK".
+    std::string name = parseStringProperty(batch.reply(toolkit)).value_or("");
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    facts.gtk4 = name == "gtk" && parseStringProperty(batch.reply(version)).value_or("").rfind("4.", 0) == 0;
+    facts.pid = parseProcessId(batch.reply(pid));
+    return applications_[bus] = std::move(facts);
+}
+
+ChildRule Accessibility::childRule(const std::string& bus) {
+    return applicationFacts(bus).gtk4 ? ChildRule::VisibleWithArea : ChildRule::Showing;
+}
 
 DirectLink* Accessibility::linkTo(const std::string& bus) {
     if (bus.empty()) return nullptr;
@@ -103,19 +133,11 @@ DirectLink* Accessibility::linkTo(const std::string& bus) {
     // thousands of calls go out together. Single reads stay on the bus: the
     // extra question would double what an application that does not answer
     // costs them.
-    Message call(dbus_message_new_method_call(bus.c_str(), "/org/a11y/atspi/accessible/root",
-                                              "org.a11y.atspi.Application",
-                                              "GetApplicationBusAddress"));
-    bool late = false;
-    Message reply = callAndWait(atspi_get_a11y_bus(), std::move(call), timeoutMs_, &late);
-    if (late) return nullptr;  // asked again next time
-    const char* address = nullptr;
+    const ApplicationFacts& application = applicationFacts(bus);
+    if (!application.answered) return nullptr;  // asked again next time
     std::unique_ptr<DirectLink> link;
-    if (reply && dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN &&
-        dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &address,
-                              DBUS_TYPE_INVALID) &&
-        address && *address)
-        link = DirectLink::open(address, timeoutMs_);
+    if (application.address && !application.address->empty())
+        link = DirectLink::open(*application.address, timeoutMs_);
     DirectLink* result = link.get();
     links_[bus] = std::move(link);
     return result;
@@ -223,7 +245,7 @@ std::optional<std::string> Accessibility::applicationName(const Application& app
 Element Accessibility::applicationElement(std::int32_t pid) {
     std::optional<ObjectRef> ref = findApplication(pid);
     if (!ref) return nullptr;
-    return std::make_shared<AccessibleElement>(std::move(*ref), true);
+    return elementFor(std::move(*ref), AccessibleElement::Kind::Application);
 }
 
 void Accessibility::setTimeout(float seconds) {
@@ -233,14 +255,40 @@ void Accessibility::setTimeout(float seconds) {
 }
 
 AttributeRead Accessibility::focusedWindow(const AccessibleElement& application) {
+    // Chromium marks none of its windows ACTIVE until a client has asked for
+    // its socket's address, as libatspi does of every application it first
+    // touches; so that question goes out before the states are read.
+    if (!applicationFacts(application.ref().bus, true).answered) return {kAXErrorNoValue, {}};
     auto windows = windowStates(application.ref());
     if (!windows) return {kAXErrorNoValue, {}};
+    // Only an ACTIVE window is the focused one: Chromium also lists windows
+    // that are SHOWING with no X window behind them.
     for (size_t i = 0; i < windows->children.size(); ++i) {
         std::optional<StateBits> states = parseStates(windows->replies[i].get());
         if (states && hasState(*states, ATSPI_STATE_ACTIVE))
-            return {kAXErrorSuccess, elementFor(windows->children[i])};
+            return {kAXErrorSuccess,
+                    elementFor(windows->children[i], AccessibleElement::Kind::TopLevel)};
     }
     return {kAXErrorNoValue, {}};
+}
+
+std::optional<Accessibility::TopLevel> Accessibility::topLevel(const Element& element) {
+    const AccessibleElement* target = atspi(element);
+    if (!target || !connected_) return std::nullopt;
+    const ObjectRef& ref = target->ref();
+    const ApplicationFacts& application = applicationFacts(ref.bus);
+    CallBatch batch(atspi_get_a11y_bus(), timeoutMs_);
+    size_t extents = batch.add(extentsCall(ref));
+    size_t name = batch.add(nameCall(ref));
+    size_t states = batch.add(stateCall(ref));
+    batch.wait();
+    TopLevel facts;
+    facts.extents = parseExtents(batch.reply(extents));
+    facts.name = parseStringProperty(batch.reply(name));
+    facts.states = parseStates(batch.reply(states));
+    facts.pid = application.pid;
+    facts.relativeCoordinates = application.gtk4;
+    return facts;
 }
 
 AttributeRead Accessibility::focusedElement(const AccessibleElement& application) {
@@ -286,11 +334,16 @@ AttributeRead Accessibility::read(const Element& element, std::string_view attri
         return {kAXErrorAttributeUnsupported, {}};
     }
 
+    // GTK 4 places its elements relative to their window, not on the
+    // screen: no position is better than a wrong one.
+    const ObjectRef& ref = target->ref();
+    if ((attribute == "AXPosition" || attribute == "AXSize") && applicationFacts(ref.bus).gtk4)
+        return {kAXErrorNoValue, {}};
+
     bool timedOut = false;
-    LiveFacts live(target->ref(), atspi_get_a11y_bus(), timeoutMs_, &timedOut);
+    LiveFacts live(ref, atspi_get_a11y_bus(), timeoutMs_, &timedOut, childRule(ref.bus));
     AttributeRead result;
-    if (std::unique_ptr<ElementFacts> cached =
-            snapshot_ ? snapshot_->facts(target->ref(), live) : nullptr)
+    if (std::unique_ptr<ElementFacts> cached = snapshot_ ? snapshot_->facts(ref, live) : nullptr)
         result = readAttribute(*cached, attribute);
     else
         result = readAttribute(live, attribute);
@@ -344,8 +397,9 @@ void Accessibility::beginTreeScan(const Element& root) {
     scanStalled_ = false;
     const AccessibleElement* target = atspi(root);
     if (!target || !connected_) return;
-    snapshot_ = std::make_unique<TreeSnapshot>(target->ref(), atspi_get_a11y_bus(),
-                                               linkTo(target->ref().bus), timeoutMs_, kMaxNodes);
+    const ObjectRef& ref = target->ref();
+    snapshot_ = std::make_unique<TreeSnapshot>(ref, atspi_get_a11y_bus(), linkTo(ref.bus),
+                                               timeoutMs_, kMaxNodes, childRule(ref.bus));
     scanStalled_ = snapshot_->stalled();
 }
 

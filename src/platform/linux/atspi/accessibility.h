@@ -12,8 +12,10 @@
 #include <string_view>
 
 #include "platform/linux/atspi/accessible_element.h"
+#include "platform/linux/atspi/child_filter.h"
 #include "platform/linux/atspi/child_lists.h"
 #include "platform/linux/atspi/message.h"
+#include "platform/linux/atspi/methods.h"
 #include "platform/platform.h"
 
 namespace quorvel::linux_backend {
@@ -50,6 +52,19 @@ public:
     Application application(std::int32_t pid);
     std::optional<std::string> applicationName(const Application&);
     Element applicationElement(std::int32_t pid);
+
+    // What a top-level says about itself, read afresh, and what is known of
+    // its application; nothing when `element` is no AT-SPI object.
+    struct TopLevel {
+        std::optional<Extents> extents;  // screen coordinates
+        std::optional<std::string> name;
+        std::optional<StateBits> states;
+        std::optional<std::int64_t> pid;  // of the application's bus connection
+        // GTK 4: nothing is placed on screen; every position is relative to
+        // the top-level, whose own reads as (0, 0).
+        bool relativeCoordinates = false;
+    };
+    std::optional<TopLevel> topLevel(const Element&);
 
     void setTimeout(float seconds);
     AttributeRead read(const Element&, std::string_view attribute);
@@ -94,6 +109,20 @@ private:
     // The application's windows and their states.
     std::optional<ChildReplies> windowStates(const ObjectRef& application,
                                              Message extra = nullptr);
+    // What is asked once of each application in a process, before its
+    // windows: the address of its own socket (asking is what wakes
+    // Chromium), its toolkit, and the process of its bus connection.
+    // An application that did not answer is taken as one that offers
+    // nothing, until `retry` asks it again (each identification does).
+    struct ApplicationFacts {
+        bool answered = false;
+        std::optional<std::string> address;
+        bool gtk4 = false;
+        std::optional<std::int64_t> pid;
+    };
+    const ApplicationFacts& applicationFacts(const std::string& bus, bool retry = false);
+    // Which children make "AXChildren" in the application of `bus`.
+    ChildRule childRule(const std::string& bus);
     // A direct link to the application's own socket, for the tree scan;
     // null when it offers none (its requests then go over the bus).
     DirectLink* linkTo(const std::string& bus);
@@ -103,6 +132,7 @@ private:
     bool connected_ = false;
     bool reachable_ = false;
     int timeoutMs_ = 2000;
+    std::map<std::string, ApplicationFacts> applications_;  // by bus name
     // Direct links by bus name; null where the application offers none.
     std::map<std::string, std::unique_ptr<DirectLink>> links_;
     // Which children each parent had when last asked, and which window of

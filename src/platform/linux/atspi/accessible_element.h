@@ -15,22 +15,30 @@ namespace quorvel::linux_backend {
 // cost a round trip apiece to make and another for each property.
 class AccessibleElement final : public ElementObject {
 public:
-    AccessibleElement(ObjectRef ref, bool application)
-        : ref_(std::move(ref)), application_(application) {}
+    enum class Kind {
+        Object,
+        // The root object of an application: it answers "AXFocusedWindow"
+        // and "AXFocusedUIElement".
+        Application,
+        // A window, as "AXFocusedWindow" found it: its frame and title mean
+        // what the window list means (window_identity.h).
+        TopLevel,
+    };
+    AccessibleElement(ObjectRef ref, Kind kind) : ref_(std::move(ref)), kind_(kind) {}
 
     const ObjectRef& ref() const { return ref_; }
-    // The root object of an application: it answers "AXFocusedWindow" and
-    // "AXFocusedUIElement".
-    bool application() const { return application_; }
+    bool application() const { return kind_ == Kind::Application; }
+    bool topLevel() const { return kind_ == Kind::TopLevel; }
 
 private:
     ObjectRef ref_;
-    bool application_;
+    Kind kind_;
 };
 
 // An element handle for an object known only by its identity.
-inline Element elementFor(ObjectRef ref) {
-    return std::make_shared<AccessibleElement>(std::move(ref), false);
+inline Element elementFor(ObjectRef ref,
+                          AccessibleElement::Kind kind = AccessibleElement::Kind::Object) {
+    return std::make_shared<AccessibleElement>(std::move(ref), kind);
 }
 
 }  // namespace quorvel::linux_backend

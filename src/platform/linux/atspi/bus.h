@@ -22,4 +22,13 @@ std::optional<std::string> accessibilityBusAddress(
 // Whether libdbus would start a process to reach this address.
 bool startsProcess(const std::string& address);
 
+// Turns the session's accessibility flag on (org.a11y.Status IsEnabled on
+// the session bus's org.a11y.Bus) when it is off, as an assistive technology
+// does: applications started afterwards expose their trees, and running ones
+// that listen for the change (Firefox) do so at once. Some check the flag
+// only when they start (Chromium). Nothing when there is no session bus or
+// no launcher on it; nothing is ever started. Tells whether it turned the
+// flag on.
+bool turnOnAccessibility(int timeoutMs);
+
 }  // namespace quorvel::linux_backend

@@ -26,16 +26,57 @@ AttributeRead stateFlag(ElementFacts& facts, bool (*test)(StateBits)) {
 // no place on screen.
 bool placed(const Extents& e) { return e.x != INT_MIN && e.y != INT_MIN; }
 
+// The states and the Text interface where the role's meaning depends on
+// them (roles.h); nothing is asked of the other roles.
+struct RoleFacts {
+    int role;
+    StateBits states = 0;
+    bool hasText = true;
+};
+std::optional<RoleFacts> roleFacts(ElementFacts& facts) {
+    std::optional<int> role = facts.role();
+    if (!role) return std::nullopt;
+    RoleFacts result{*role};
+    if (roleNeedsStates(*role)) result.states = facts.states().value_or(0);
+    if (roleNeedsInterfaces(*role)) {
+        auto interfaces = facts.interfaces();
+        result.hasText = interfaces && hasInterface(*interfaces, kTextInterface);
+    }
+    return result;
+}
+
+// The text of a static paragraph without U+FFFC, the object replacement
+// character that stands for each child embedded in it.
+std::string withoutEmbeddedObjects(std::string text) {
+    static const std::string kObject = "\xEF\xBF\xBC";
+    for (size_t at = text.find(kObject); at != std::string::npos; at = text.find(kObject, at))
+        text.erase(at, kObject.size());
+    return text;
+}
+
+// Firefox follows every character outside the Basic Multilingual Plane
+// with U+FEFF in the text it reports (the field itself holds no such
+// character); what the field holds is the text without it.
+std::string withoutAstralPadding(std::string text) {
+    static const std::string kPadding = "\xEF\xBB\xBF";
+    size_t at = 0;
+    // A four-byte UTF-8 sequence (lead byte 0xF0 to 0xF4) encodes exactly
+    // the characters beyond the BMP.
+    while ((at = text.find(kPadding, at)) != std::string::npos) {
+        bool afterAstral = at >= 4 && (static_cast<unsigned char>(text[at - 4]) & 0xF8) == 0xF0;
+        if (afterAstral) text.erase(at, kPadding.size());
+        else at += kPadding.size();
+    }
+    return text;
+}
+
 }  // namespace
 
 AttributeRead readAttribute(ElementFacts& facts, std::string_view attribute) {
     if (attribute == "AXRole") {
-        std::optional<int> role = facts.role();
+        std::optional<RoleFacts> role = roleFacts(facts);
         if (!role) return failure(kAXErrorCannotComplete);
-        // Only plain text needs its states (single line or not).
-        StateBits states = 0;
-        if (*role == ATSPI_ROLE_TEXT) states = facts.states().value_or(0);
-        return success(axRole(*role, states));
+        return success(axRole(role->role, role->states, role->hasText));
     }
     if (attribute == "AXSubrole") {
         std::optional<int> role = facts.role();
@@ -46,13 +87,17 @@ AttributeRead readAttribute(ElementFacts& facts, std::string_view attribute) {
     if (attribute == "AXTitle") return text(facts.name());
     if (attribute == "AXDescription") return text(facts.description());
     if (attribute == "AXValue") {
-        std::optional<int> role = facts.role();
+        std::optional<RoleFacts> role = roleFacts(facts);
         if (!role) return failure(kAXErrorCannotComplete);
         // A password field's text is never asked for, whoever asks.
-        if (isPasswordRole(*role)) return failure(kAXErrorAttributeUnsupported);
-        if (isTextRole(*role)) {
+        if (isPasswordRole(role->role)) return failure(kAXErrorAttributeUnsupported);
+        if (valueIsText(role->role, role->states, role->hasText)) {
             std::optional<std::string> whole = facts.text();
-            return whole ? success(std::move(*whole)) : failure(kAXErrorNoValue);
+            if (!whole) return failure(kAXErrorNoValue);
+            std::string value = withoutAstralPadding(std::move(*whole));
+            if (valueIsStaticText(role->role, role->states))
+                value = withoutEmbeddedObjects(std::move(value));
+            return success(std::move(value));
         }
         std::optional<double> number = facts.currentValue();
         return number ? success(*number) : failure(kAXErrorNoValue);

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/linux/atspi/methods.h"
 #include "platform/platform.h"
@@ -23,9 +24,14 @@ public:
     virtual std::optional<std::string> name() = 0;
     virtual std::optional<std::string> description() = 0;
     virtual std::optional<Extents> extents() = 0;
+    // The interfaces it offers. Asked only of the roles whose meaning
+    // depends on them (roleNeedsInterfaces).
+    virtual std::optional<std::vector<std::string>> interfaces() = 0;
     // The Text interface's whole text. Never called for password text.
     virtual std::optional<std::string> text() = 0;
     virtual std::optional<double> currentValue() = 0;
+    // "AXChildren": the children the application lists, less those its
+    // child rule leaves out (child_filter.h).
     virtual std::optional<ElementList> children() = 0;
 };
 

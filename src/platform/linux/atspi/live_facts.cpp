@@ -18,8 +18,9 @@ std::optional<ObjectRef> readableText(const ObjectRef& candidate, DBusConnection
     return candidate;
 }
 
-LiveFacts::LiveFacts(ObjectRef ref, DBusConnection* bus, int timeoutMs, bool* timedOut)
-    : ref_(std::move(ref)), bus_(bus), timeoutMs_(timeoutMs), timedOut_(timedOut) {}
+LiveFacts::LiveFacts(ObjectRef ref, DBusConnection* bus, int timeoutMs, bool* timedOut,
+                     ChildRule rule)
+    : ref_(std::move(ref)), bus_(bus), timeoutMs_(timeoutMs), timedOut_(timedOut), rule_(rule) {}
 
 Message LiveFacts::call(Message request) {
     bool late = false;
@@ -36,32 +37,57 @@ std::optional<int> LiveFacts::role() {
 
 std::optional<StateBits> LiveFacts::states() { return parseStates(call(stateCall(ref_)).get()); }
 
-const AccessibleProperties& LiveFacts::properties() {
-    if (!properties_)
-        properties_ = parseAccessibleProperties(call(accessiblePropertiesCall(ref_)).get());
-    return *properties_;
+std::optional<std::string> LiveFacts::name() {
+    if (!name_) name_ = parseStringProperty(call(nameCall(ref_)).get());
+    return *name_;
 }
-
-std::optional<std::string> LiveFacts::name() { return properties().name; }
-std::optional<std::string> LiveFacts::description() { return properties().description; }
+std::optional<std::string> LiveFacts::description() {
+    return parseStringProperty(call(descriptionCall(ref_)).get());
+}
 
 std::optional<Extents> LiveFacts::extents() { return parseExtents(call(extentsCall(ref_)).get()); }
 std::optional<std::string> LiveFacts::text() { return parseText(call(textCall(ref_)).get()); }
 
+std::optional<std::vector<std::string>> LiveFacts::interfaces() {
+    if (!interfaces_) interfaces_ = parseInterfaces(call(interfacesCall(ref_)).get());
+    return *interfaces_;
+}
+
 std::optional<double> LiveFacts::currentValue() {
     // GTK logs a critical warning when a Value property is asked of an
     // object without that interface, so the interface is checked first.
-    auto interfaces = parseInterfaces(call(interfacesCall(ref_)).get());
-    if (!interfaces || !hasInterface(*interfaces, kValueInterface)) return std::nullopt;
+    auto offered = interfaces();
+    if (!offered || !hasInterface(*offered, kValueInterface)) return std::nullopt;
     return parseCurrentValue(call(currentValueCall(ref_)).get());
 }
 
 std::optional<ElementList> LiveFacts::children() {
     auto refs = parseChildren(call(childrenCall(ref_)).get());
     if (!refs) return std::nullopt;
+    // What the rule needs of every child, asked of all of them at once.
+    std::vector<std::optional<StateBits>> states(refs->size());
+    std::vector<std::optional<Extents>> extents(refs->size());
+    if (rule_ != ChildRule::All && !refs->empty()) {
+        CallBatch batch(bus_, timeoutMs_);
+        std::vector<std::optional<size_t>> stateCalls(refs->size()), extentsCalls(refs->size());
+        for (size_t i = 0; i < refs->size(); ++i) {
+            // A child in another application (an embedded one) is kept.
+            if ((*refs)[i].bus != ref_.bus) continue;
+            stateCalls[i] = batch.add(stateCall((*refs)[i]));
+            if (needsExtents(rule_)) extentsCalls[i] = batch.add(extentsCall((*refs)[i]));
+        }
+        batch.wait();
+        if (batch.timedOut() && timedOut_) *timedOut_ = true;
+        for (size_t i = 0; i < refs->size(); ++i) {
+            if (stateCalls[i]) states[i] = parseStates(batch.reply(*stateCalls[i]));
+            if (extentsCalls[i]) extents[i] = parseExtents(batch.reply(*extentsCalls[i]));
+        }
+    }
     ElementList children;
     children.reserve(refs->size());
-    for (ObjectRef& child : *refs) children.push_back(elementFor(std::move(child)));
+    for (size_t i = 0; i < refs->size(); ++i)
+        if (keepsChild(rule_, states[i], extents[i]))
+            children.push_back(elementFor(std::move((*refs)[i])));
     return children;
 }
 

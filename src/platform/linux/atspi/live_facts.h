@@ -3,6 +3,7 @@
 // reused beyond the read that fetched it.
 #pragma once
 
+#include "platform/linux/atspi/child_filter.h"
 #include "platform/linux/atspi/element_facts.h"
 #include "platform/linux/atspi/message.h"
 #include "platform/linux/atspi/methods.h"
@@ -21,28 +22,32 @@ std::optional<ObjectRef> readableText(const ObjectRef& candidate, DBusConnection
 
 class LiveFacts final : public ElementFacts {
 public:
-    // `timedOut`, when given, is set once a call goes unanswered.
-    LiveFacts(ObjectRef ref, DBusConnection* bus, int timeoutMs, bool* timedOut = nullptr);
+    // `timedOut`, when given, is set once a call goes unanswered. `rule`
+    // chooses the children that make "AXChildren".
+    LiveFacts(ObjectRef ref, DBusConnection* bus, int timeoutMs, bool* timedOut = nullptr,
+              ChildRule rule = ChildRule::Showing);
 
     std::optional<int> role() override;
     std::optional<StateBits> states() override;
     std::optional<std::string> name() override;
     std::optional<std::string> description() override;
     std::optional<Extents> extents() override;
+    std::optional<std::vector<std::string>> interfaces() override;
     std::optional<std::string> text() override;
     std::optional<double> currentValue() override;
     std::optional<ElementList> children() override;
 
 private:
     Message call(Message request);
-    const AccessibleProperties& properties();
 
     ObjectRef ref_;
     DBusConnection* bus_;
     int timeoutMs_;
     bool* timedOut_;
+    ChildRule rule_;
     std::optional<std::optional<int>> role_;
-    std::optional<AccessibleProperties> properties_;
+    std::optional<std::optional<std::vector<std::string>>> interfaces_;
+    std::optional<std::optional<std::string>> name_;
 };
 
 }  // namespace quorvel::linux_backend

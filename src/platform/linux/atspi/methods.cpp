@@ -11,6 +11,7 @@ constexpr char kAccessible[] = "org.a11y.atspi.Accessible";
 constexpr char kComponent[] = "org.a11y.atspi.Component";
 constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 constexpr dbus_uint32_t kScreenCoordinates = 0;  // ATSPI_COORD_TYPE_SCREEN
+constexpr char kApplicationRoot[] = "/org/a11y/atspi/accessible/root";
 
 Message methodCall(const ObjectRef& ref, const char* interface, const char* method) {
     return Message(dbus_message_new_method_call(ref.bus.c_str(), ref.path.c_str(), interface,
@@ -76,11 +77,12 @@ Message childAtIndexCall(const ObjectRef& ref, int index) {
     return call;
 }
 
-Message accessiblePropertiesCall(const ObjectRef& ref) {
-    Message call = methodCall(ref, kProperties, "GetAll");
-    const char* interface = kAccessible;
-    if (call) dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &interface, DBUS_TYPE_INVALID);
-    return call;
+Message nameCall(const ObjectRef& ref) { return propertyCall(ref, kAccessible, "Name"); }
+Message descriptionCall(const ObjectRef& ref) {
+    return propertyCall(ref, kAccessible, "Description");
+}
+Message childCountCall(const ObjectRef& ref) {
+    return propertyCall(ref, kAccessible, "ChildCount");
 }
 
 Message setTextContentsCall(const ObjectRef& ref, const std::string& text) {
@@ -103,6 +105,16 @@ Message processIdCall(const std::string& bus) {
     return call;
 }
 
+Message applicationBusAddressCall(const std::string& bus) {
+    return Message(dbus_message_new_method_call(bus.c_str(), kApplicationRoot,
+                                                "org.a11y.atspi.Application",
+                                                "GetApplicationBusAddress"));
+}
+
+Message applicationPropertyCall(const std::string& bus, const char* property) {
+    return propertyCall(ObjectRef{bus, kApplicationRoot}, "org.a11y.atspi.Application", property);
+}
+
 Message focusedDescendantCall(const ObjectRef& ref) {
     Message call = methodCall(ref, "org.a11y.atspi.Collection", "GetMatches");
     if (!call) return call;
@@ -121,7 +133,7 @@ Message focusedDescendantCall(const ObjectRef& ref) {
     };
     dbus_message_iter_init_append(call.get(), &iter);
     dbus_message_iter_open_container(&iter, DBUS_TYPE_STRUCT, nullptr, &rule);
-    criterion("i", {1 << ATSPI_STATE_FOCUSED, 0});  // states
+    criterion("i", {1 << ATSPI_STATE_FOCUSED | 1 << ATSPI_STATE_FOCUSABLE, 0});  // states
     criterion("{ss}", {});                           // attributes
     criterion("i", {0, 0, 0, 0});                    // roles
     criterion("s", {});                              // interfaces
@@ -196,31 +208,8 @@ std::optional<std::vector<std::string>> parseInterfaces(DBusMessage* reply) {
     return interfaces;
 }
 
-AccessibleProperties parseAccessibleProperties(DBusMessage* reply) {
-    AccessibleProperties properties;
-    if (!isReply(reply, "a{sv}")) return properties;
-    DBusMessageIter iter, entries;
-    dbus_message_iter_init(reply, &iter);
-    dbus_message_iter_recurse(&iter, &entries);
-    while (dbus_message_iter_get_arg_type(&entries) == DBUS_TYPE_DICT_ENTRY) {
-        DBusMessageIter entry, variant;
-        dbus_message_iter_recurse(&entries, &entry);
-        std::string key = basicString(&entry);
-        dbus_message_iter_next(&entry);
-        dbus_message_iter_recurse(&entry, &variant);
-        int type = dbus_message_iter_get_arg_type(&variant);
-        if (key == "Name" && type == DBUS_TYPE_STRING) {
-            properties.name = basicString(&variant);
-        } else if (key == "Description" && type == DBUS_TYPE_STRING) {
-            properties.description = basicString(&variant);
-        } else if (key == "ChildCount" && type == DBUS_TYPE_INT32) {
-            dbus_int32_t count = 0;
-            dbus_message_iter_get_basic(&variant, &count);
-            properties.childCount = count;
-        }
-        dbus_message_iter_next(&entries);
-    }
-    return properties;
+std::optional<int> parseIntProperty(DBusMessage* reply) {
+    return propertyValue<dbus_int32_t>(reply, DBUS_TYPE_INT32);
 }
 
 std::optional<Extents> parseExtents(DBusMessage* reply) {
@@ -283,6 +272,22 @@ std::optional<std::int64_t> parseProcessId(DBusMessage* reply) {
     dbus_uint32_t pid = 0;
     dbus_message_get_args(reply, nullptr, DBUS_TYPE_UINT32, &pid, DBUS_TYPE_INVALID);
     return static_cast<std::int64_t>(pid);
+}
+
+std::optional<std::string> parseApplicationBusAddress(DBusMessage* reply) {
+    if (!isReply(reply, "s")) return std::nullopt;
+    DBusMessageIter iter;
+    dbus_message_iter_init(reply, &iter);
+    return basicString(&iter);
+}
+
+std::optional<std::string> parseStringProperty(DBusMessage* reply) {
+    if (!isReply(reply, "v")) return std::nullopt;
+    DBusMessageIter iter, variant;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &variant);
+    if (dbus_message_iter_get_arg_type(&variant) != DBUS_TYPE_STRING) return std::nullopt;
+    return basicString(&variant);
 }
 
 std::optional<std::vector<ObjectRef>> parseMatches(DBusMessage* reply) {

@@ -26,7 +26,11 @@ struct Extents {
 Message roleCall(const ObjectRef&);
 Message stateCall(const ObjectRef&);
 Message interfacesCall(const ObjectRef&);
-Message accessiblePropertiesCall(const ObjectRef&);  // name, description, child count
+// One property of the Accessible interface, asked on its own: Qt 5.15
+// crashes when asked for all of an object's properties at once (GetAll).
+Message nameCall(const ObjectRef&);
+Message descriptionCall(const ObjectRef&);
+Message childCountCall(const ObjectRef&);
 Message extentsCall(const ObjectRef&);                // screen coordinates
 // The characters from `start` to `end`; an end of -1 is the end of the text.
 Message textCall(const ObjectRef&, int start = 0, int end = -1);
@@ -39,8 +43,17 @@ Message setTextContentsCall(const ObjectRef&, const std::string& text);
 Message cacheItemsCall(const std::string& bus);
 // The bus daemon's account of which process owns the connection `bus`.
 Message processIdCall(const std::string& bus);
-// The first descendant of `ref` with the FOCUSED state, as the application
-// finds it in its own tree (Collection.GetMatches).
+// The address of the application's own socket. Asking it is also what tells
+// an application that an assistive technology is looking: Chromium marks no
+// window ACTIVE until some client has asked.
+Message applicationBusAddressCall(const std::string& bus);
+// A property of the application's Application interface ("ToolkitName",
+// "Version"), asked one by one: Qt 5.15 crashes when asked for them all.
+Message applicationPropertyCall(const std::string& bus, const char* property);
+// The first descendant of `ref` with the FOCUSED and FOCUSABLE states, as
+// the application finds it in its own tree (Collection.GetMatches).
+// LibreOffice and Qt also mark FOCUSED some of the containers of the focus,
+// which cannot take it.
 Message focusedDescendantCall(const ObjectRef&);
 
 // Replies. Each is empty when the call failed or the reply is not of the
@@ -48,12 +61,13 @@ Message focusedDescendantCall(const ObjectRef&);
 std::optional<int> parseRole(DBusMessage*);
 std::optional<StateBits> parseStates(DBusMessage*);
 std::optional<std::vector<std::string>> parseInterfaces(DBusMessage*);
+std::optional<std::string> parseStringProperty(DBusMessage*);
 struct AccessibleProperties {
     std::optional<std::string> name;
     std::optional<std::string> description;
     std::optional<int> childCount;
 };
-AccessibleProperties parseAccessibleProperties(DBusMessage*);
+std::optional<int> parseIntProperty(DBusMessage*);
 std::optional<Extents> parseExtents(DBusMessage*);
 std::optional<std::string> parseText(DBusMessage*);
 std::optional<double> parseCurrentValue(DBusMessage*);
@@ -62,6 +76,7 @@ std::optional<std::vector<ObjectRef>> parseChildren(DBusMessage*);
 std::optional<ObjectRef> parseChild(DBusMessage*);
 std::optional<bool> parseSetTextContents(DBusMessage*);
 std::optional<std::int64_t> parseProcessId(DBusMessage*);
+std::optional<std::string> parseApplicationBusAddress(DBusMessage*);
 // The objects a Collection query found; the null object stands for none.
 std::optional<std::vector<ObjectRef>> parseMatches(DBusMessage*);
 

@@ -71,15 +71,36 @@ const std::unordered_map<int, const char*>& roleNames() {
 
 }  // namespace
 
-std::string axRole(int atspiRole, StateBits states) {
-    if (atspiRole == ATSPI_ROLE_TEXT)
-        return hasState(states, ATSPI_STATE_SINGLE_LINE) ? "AXTextField" : "AXTextArea";
+std::string axRole(int atspiRole, StateBits states, bool hasText) {
+    switch (atspiRole) {
+        case ATSPI_ROLE_TEXT:
+            return hasState(states, ATSPI_STATE_SINGLE_LINE) ? "AXTextField" : "AXTextArea";
+        case ATSPI_ROLE_ENTRY:
+            return hasState(states, ATSPI_STATE_MULTI_LINE) ? "AXTextArea" : "AXTextField";
+        case ATSPI_ROLE_PARAGRAPH:
+            if (hasText) return hasState(states, ATSPI_STATE_EDITABLE) ? "AXTextArea" : "AXStaticText";
+            break;
+        case ATSPI_ROLE_DOCUMENT_TEXT:
+            if (hasText && hasState(states, ATSPI_STATE_EDITABLE)) return "AXTextArea";
+            break;
+        default:
+            break;
+    }
     auto it = roleNames().find(atspiRole);
     if (it != roleNames().end()) return it->second;
     gchar* name = atspi_role_get_name(static_cast<AtspiRole>(atspiRole));
     std::string raw = name ? name : "unknown";
     g_free(name);
     return raw;
+}
+
+bool roleNeedsStates(int atspiRole) {
+    return atspiRole == ATSPI_ROLE_TEXT || atspiRole == ATSPI_ROLE_ENTRY ||
+           roleNeedsInterfaces(atspiRole);
+}
+
+bool roleNeedsInterfaces(int atspiRole) {
+    return atspiRole == ATSPI_ROLE_PARAGRAPH || atspiRole == ATSPI_ROLE_DOCUMENT_TEXT;
 }
 
 std::optional<std::string> axSubrole(int atspiRole) {
@@ -89,16 +110,23 @@ std::optional<std::string> axSubrole(int atspiRole) {
 
 bool isPasswordRole(int atspiRole) { return atspiRole == ATSPI_ROLE_PASSWORD_TEXT; }
 
-bool isTextRole(int atspiRole) {
+bool valueIsText(int atspiRole, StateBits states, bool hasText) {
     switch (atspiRole) {
         case ATSPI_ROLE_TEXT:
         case ATSPI_ROLE_ENTRY:
-        case ATSPI_ROLE_PASSWORD_TEXT:
         case ATSPI_ROLE_TERMINAL:
             return true;
+        case ATSPI_ROLE_PARAGRAPH:
+            return hasText;
+        case ATSPI_ROLE_DOCUMENT_TEXT:
+            return hasText && hasState(states, ATSPI_STATE_EDITABLE);
         default:
-            return false;
+            return false;  // password text among them
     }
+}
+
+bool valueIsStaticText(int atspiRole, StateBits states) {
+    return atspiRole == ATSPI_ROLE_PARAGRAPH && !hasState(states, ATSPI_STATE_EDITABLE);
 }
 
 }  // namespace quorvel::linux_backend

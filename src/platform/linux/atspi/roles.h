@@ -16,17 +16,28 @@ inline bool hasState(StateBits states, int state) {
     return state >= 0 && state < 64 && (states >> state & 1u) != 0;
 }
 
-// The role name for an AT-SPI role (an AtspiRole value). Plain text objects
-// need their states: single-line text is a text field, the rest a text area.
+// The role name for an AT-SPI role (an AtspiRole value). Some roles need
+// the element's states, and whether it offers the Text interface (`hasText`):
+// - plain text and entries: single-line text is a text field, the rest a text
+//   area (an entry is a text field unless it takes several lines);
+// - a paragraph with text is a text area when it is editable (a paragraph of
+//   a word processor's document, of an editable web page), else static text;
+//   document text with text of its own is a text area when editable.
 // Roles without an equivalent keep their AT-SPI name ("viewport").
-std::string axRole(int atspiRole, StateBits states);
+std::string axRole(int atspiRole, StateBits states, bool hasText);
+bool roleNeedsStates(int atspiRole);
+bool roleNeedsInterfaces(int atspiRole);
 
 // "AXSecureTextField" for password text; nothing for every other role.
 std::optional<std::string> axSubrole(int atspiRole);
 
-// Roles whose value is the Text interface's whole text. Password text is one
-// of them, but its text is never requested.
-bool isTextRole(int atspiRole);
+// Whether the element's value is the Text interface's whole text: text
+// fields and areas, and static paragraphs. Never password text.
+bool valueIsText(int atspiRole, StateBits states, bool hasText);
+// Whether the text stands for a static paragraph, whose children (links,
+// images) are elements of their own: the characters that stand for them are
+// left out of its value.
+bool valueIsStaticText(int atspiRole, StateBits states);
 bool isPasswordRole(int atspiRole);
 
 }  // namespace quorvel::linux_backend

@@ -42,7 +42,12 @@ public:
     std::optional<StateBits> states() override { return record_.states; }
     std::optional<std::string> name() override { return record_.properties.name; }
     std::optional<std::string> description() override { return record_.properties.description; }
-    std::optional<Extents> extents() override { return record_.extents; }
+    std::optional<Extents> extents() override {
+        return record_.extentsFetched ? record_.extents : live_.extents();
+    }
+    std::optional<std::vector<std::string>> interfaces() override {
+        return record_.interfacesFetched ? record_.interfaces : live_.interfaces();
+    }
     std::optional<std::string> text() override {
         return record_.textFetched ? record_.text : live_.text();
     }
@@ -89,7 +94,7 @@ CacheIndex indexCache(std::vector<CacheItem> items, const std::string& bus) {
 }
 
 TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
-                           int timeoutMs, size_t limit)
+                           int timeoutMs, size_t limit, ChildRule rule)
     : bus_(root.bus) {
     CacheIndex cache;
     {
@@ -104,31 +109,66 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             cache = indexCache(std::move(*items), bus_);
     }
 
-    // The scan's visit list grows exactly as here: an element's children are
-    // added while the list is below the limit, as many as still fit.
+    // The scan's visit list grows exactly as here: an element's children,
+    // as the rule keeps them, are added while the list is below the limit,
+    // as many as still fit.
     std::vector<ObjectRef> level{root};
-    size_t planned = 1;  // estimate from child counts, decides what to fetch
-    size_t visited = 1;  // from the children actually listed
+    size_t visited = 1;
     while (!level.empty() && !stalled_) {
         struct Calls {
-            std::optional<size_t> properties, role, states, interfaces, extents, text, value;
+            std::optional<size_t> name, description, childCount, role, states, extents,
+                interfaces, text, value;
             std::vector<size_t> children;
             bool wholeList = false;
+            // The children as the application lists them, and whether that
+            // is the whole list (a very long one is read only as far as the
+            // scan can take it).
+            std::optional<std::vector<ObjectRef>> listed;
+            bool complete = true;
         };
         std::vector<Calls> calls(level.size());
 
-        // Text and value, once the role and interfaces are known.
+        // Text and value, once the role and states are known. Where the
+        // role's meaning depends on the Text interface and the interfaces
+        // are not known, they are asked along with the text.
         auto askContents = [](CallBatch& batch, Calls& c, Record& record, const ObjectRef& ref) {
-            if (!record.role) return;
-            if (isTextRole(*record.role)) {
+            if (!record.role || isPasswordRole(*record.role)) {
                 // Password text is never asked for; the attribute layer
                 // refuses it before it would look here.
-                if (!isPasswordRole(*record.role)) c.text = batch.add(textCall(ref));
+                record.valueFetched = true;
+                return;
+            }
+            int role = *record.role;
+            StateBits states = record.states.value_or(0);
+            bool hasText = true;
+            if (roleNeedsInterfaces(role)) {
+                if (!record.interfacesFetched) c.interfaces = batch.add(interfacesCall(ref));
+                else hasText = record.interfaces && hasInterface(*record.interfaces, kTextInterface);
+            }
+            if (valueIsText(role, states, hasText)) {
+                c.text = batch.add(textCall(ref));
             } else if (record.hasValue) {
                 c.value = batch.add(currentValueCall(ref));
             } else {
                 record.valueFetched = true;  // no Value interface: nothing to ask
             }
+        };
+        auto takeContents = [](const CallBatch& batch, Calls& c, Record& record) {
+            if (c.interfaces) {
+                record.interfacesFetched = true;
+                record.interfaces = parseInterfaces(batch.reply(*c.interfaces));
+            }
+            if (c.text) {
+                record.textFetched = true;
+                record.text = parseText(batch.reply(*c.text));
+            }
+            if (c.value) {
+                record.valueFetched = true;
+                record.value = parseCurrentValue(batch.reply(*c.value));
+            }
+            c.interfaces.reset();
+            c.text.reset();
+            c.value.reset();
         };
 
         CallBatch first(bus, timeoutMs, link);
@@ -136,12 +176,14 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             const ObjectRef& ref = level[i];
             Record& record = records_[ref.path];
             Calls& c = calls[i];
-            c.extents = first.add(extentsCall(ref));
+            if (!record.extentsFetched) c.extents = first.add(extentsCall(ref));
             auto item = cache.items.find(ref.path);
             if (item == cache.items.end()) {
-                c.properties = first.add(accessiblePropertiesCall(ref));
+                c.name = first.add(nameCall(ref));
+                c.description = first.add(descriptionCall(ref));
+                c.childCount = first.add(childCountCall(ref));
                 c.role = first.add(roleCall(ref));
-                c.states = first.add(stateCall(ref));
+                if (!record.states) c.states = first.add(stateCall(ref));
                 continue;
             }
             record.role = item->second.role;
@@ -150,115 +192,155 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             record.properties.description = item->second.description;
             if (item->second.childCount >= 0)
                 record.properties.childCount = item->second.childCount;
-            else c.properties = first.add(accessiblePropertiesCall(ref));
+            else c.childCount = first.add(childCountCall(ref));
+            record.interfacesFetched = true;
+            record.interfaces = item->second.interfaces;
             record.hasValue = hasInterface(item->second.interfaces, kValueInterface);
             askContents(first, c, record, ref);
-            if (auto listed = cache.children.find(ref.path); listed != cache.children.end()) {
-                record.childrenFetched = true;
-                ElementList children;
-                for (const ObjectRef& child : listed->second) children.push_back(elementFor(child));
-                record.children = std::move(children);
-            }
+            if (auto known = cache.children.find(ref.path); known != cache.children.end())
+                c.listed = known->second;
         }
         first.wait();
+        if (first.timedOut()) {
+            stalled_ = true;
+            break;
+        }
 
         CallBatch second(bus, timeoutMs, link);
         for (size_t i = 0; i < level.size(); ++i) {
             const ObjectRef& ref = level[i];
             Record& record = records_[ref.path];
             Calls& c = calls[i];
-            record.extents = parseExtents(first.reply(*c.extents));
-            if (c.properties) {
-                AccessibleProperties properties =
-                    parseAccessibleProperties(first.reply(*c.properties));
-                if (!record.properties.name) record.properties = properties;
-                else record.properties.childCount = properties.childCount;
+            if (c.extents) {
+                record.extentsFetched = true;
+                record.extents = parseExtents(first.reply(*c.extents));
             }
+            if (c.name) record.properties.name = parseStringProperty(first.reply(*c.name));
+            if (c.description)
+                record.properties.description = parseStringProperty(first.reply(*c.description));
+            if (c.childCount)
+                record.properties.childCount = parseIntProperty(first.reply(*c.childCount));
             if (c.role) {
                 record.role = parseRole(first.reply(*c.role));
-                record.states = parseStates(first.reply(*c.states));
+                if (c.states) record.states = parseStates(first.reply(*c.states));
                 // Outside the cache the interfaces are not known, and asking
                 // would cost a call per element: the value is asked of the
                 // roles that carry one.
                 record.hasValue = record.role && carriesValue(*record.role);
                 askContents(second, c, record, ref);
             } else {
-                if (c.text) {
-                    record.textFetched = true;
-                    record.text = parseText(first.reply(*c.text));
-                    c.text.reset();
-                }
-                if (c.value) {
-                    record.valueFetched = true;
-                    record.value = parseCurrentValue(first.reply(*c.value));
-                    c.value.reset();
-                }
+                takeContents(first, c, record);
             }
 
+            // The children list, while the scan still takes children.
             std::optional<int> count = record.properties.childCount;
-            if (planned >= limit || !count) continue;
-            size_t take = std::min(static_cast<size_t>(std::max(*count, 0)), limit - planned);
-            planned += take;
-            if (record.childrenFetched) continue;
+            if (c.listed || visited >= limit || !count) continue;
             if (*count <= 0) {
-                record.childrenFetched = true;
-                record.children = ElementList{};
+                c.listed.emplace();
             } else if (*count <= kWholeListLimit) {
                 c.wholeList = true;
                 c.children.push_back(second.add(childrenCall(ref)));
             } else {
+                size_t take = std::min(static_cast<size_t>(*count), limit - visited);
                 for (size_t k = 0; k < take; ++k)
                     c.children.push_back(second.add(childAtIndexCall(ref, static_cast<int>(k))));
+                c.complete = take == static_cast<size_t>(*count);
             }
-        }
-        if (first.timedOut()) {
-            stalled_ = true;
-            break;
         }
         second.wait();
         if (second.timedOut()) stalled_ = true;
+
+        // What the rule needs to know of every child listed: from the cache,
+        // from an earlier look, or asked of all of them at once.
+        struct Look {
+            std::optional<size_t> statesCall, extentsCall;
+            std::optional<StateBits> states;
+            bool extentsFetched = false;
+            std::optional<Extents> extents;
+        };
+        std::unordered_map<std::string, Look> looks;
+        CallBatch third(bus, timeoutMs, link);
+        for (size_t i = 0; i < level.size(); ++i) {
+            Calls& c = calls[i];
+            takeContents(second, c, records_[level[i].path]);
+            if (!c.children.empty()) {
+                std::vector<ObjectRef> refs;
+                if (c.wholeList) {
+                    if (auto listed = parseChildren(second.reply(c.children.front())))
+                        c.listed = std::move(*listed);
+                } else {
+                    for (size_t id : c.children) {
+                        auto child = parseChild(second.reply(id));
+                        if (!child) break;
+                        refs.push_back(std::move(*child));
+                    }
+                    // An incomplete list is left to a live read.
+                    if (refs.size() == c.children.size()) c.listed = std::move(refs);
+                }
+            }
+            if (!c.listed || rule == ChildRule::All || visited >= limit || stalled_) continue;
+            for (const ObjectRef& child : *c.listed) {
+                // A child in another application (an embedded one) is kept,
+                // as a live read keeps it.
+                if (child.bus != bus_ || looks.count(child.path)) continue;
+                Look& look = looks[child.path];
+                auto item = cache.items.find(child.path);
+                auto earlier = records_.find(child.path);
+                if (item != cache.items.end()) look.states = item->second.states;
+                else if (earlier != records_.end() && earlier->second.states)
+                    look.states = earlier->second.states;
+                else look.statesCall = third.add(stateCall(child));
+                if (!needsExtents(rule)) continue;
+                if (earlier != records_.end() && earlier->second.extentsFetched) {
+                    look.extentsFetched = true;
+                    look.extents = earlier->second.extents;
+                } else {
+                    look.extentsCall = third.add(extentsCall(child));
+                }
+            }
+        }
+        third.wait();
+        if (third.timedOut()) stalled_ = true;
+        for (auto& [path, look] : looks) {
+            if (look.statesCall) look.states = parseStates(third.reply(*look.statesCall));
+            if (look.extentsCall) {
+                look.extentsFetched = true;
+                look.extents = parseExtents(third.reply(*look.extentsCall));
+            }
+        }
 
         std::vector<ObjectRef> next;
         for (size_t i = 0; i < level.size(); ++i) {
             const Calls& c = calls[i];
             Record& record = records_[level[i].path];
-            if (c.text) {
-                record.textFetched = true;
-                record.text = parseText(second.reply(*c.text));
+            if (!c.listed) continue;
+            ElementList children;
+            std::vector<ObjectRef> kept;
+            for (const ObjectRef& child : *c.listed) {
+                auto look = looks.find(child.path);
+                if (child.bus == bus_ && look != looks.end() &&
+                    !keepsChild(rule, look->second.states, look->second.extents))
+                    continue;
+                kept.push_back(child);
             }
-            if (c.value) {
-                record.valueFetched = true;
-                record.value = parseCurrentValue(second.reply(*c.value));
-            }
-            if (!c.children.empty()) {
-                std::vector<ObjectRef> refs;
-                bool complete = true;
-                if (c.wholeList) {
-                    auto listed = parseChildren(second.reply(c.children.front()));
-                    if (listed) refs = std::move(*listed);
-                    else complete = false;
-                } else {
-                    for (size_t id : c.children) {
-                        auto child = parseChild(second.reply(id));
-                        if (!child) {
-                            complete = false;
-                            break;
-                        }
-                        refs.push_back(std::move(*child));
-                    }
-                }
-                // An incomplete list is left to a live read.
-                if (complete) {
-                    ElementList children;
-                    for (const ObjectRef& child : refs) children.push_back(elementFor(child));
-                    record.childrenFetched = true;
-                    record.children = std::move(children);
+            size_t room = visited < limit ? limit - visited : 0;
+            // A list read only in part serves only if it fills the room.
+            if (!c.complete && kept.size() < room) continue;
+            for (const ObjectRef& child : kept) children.push_back(elementFor(child));
+            record.childrenFetched = true;
+            record.children = std::move(children);
+            size_t take = std::min(kept.size(), room);
+            for (size_t k = 0; k < take; ++k) {
+                next.push_back(kept[k]);
+                auto look = looks.find(kept[k].path);
+                if (look == looks.end()) continue;
+                Record& child = records_[kept[k].path];
+                if (!child.states) child.states = look->second.states;
+                if (look->second.extentsFetched && !child.extentsFetched) {
+                    child.extentsFetched = true;
+                    child.extents = look->second.extents;
                 }
             }
-            if (!record.childrenFetched || !record.children || visited >= limit) continue;
-            size_t take = std::min(record.children->size(), limit - visited);
-            for (size_t k = 0; k < take; ++k)
-                next.push_back(static_cast<const AccessibleElement&>(*(*record.children)[k]).ref());
             visited += take;
         }
         level = std::move(next);

@@ -7,7 +7,10 @@
 // interfaces, place among its parent's children), then sends the remaining
 // calls (extents, text, values, and everything about objects the cache does
 // not cover) a whole breadth-first level at a time, as far as the scan can
-// reach. It lives only between the backend's beginTreeScan and endTreeScan.
+// reach. Each children list is filtered by the application's child rule
+// (child_filter.h) with the children's states from the cache, or asked of
+// them all at once, so the snapshot visits exactly what the scan will. It
+// lives only between the backend's beginTreeScan and endTreeScan.
 #pragma once
 
 #include <memory>
@@ -16,6 +19,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/linux/atspi/child_filter.h"
 #include "platform/linux/atspi/element_facts.h"
 #include "platform/linux/atspi/message.h"
 #include "platform/linux/atspi/methods.h"
@@ -37,9 +41,9 @@ class TreeSnapshot {
 public:
     // Prefetches the tree under `root` as far as a breadth-first scan of at
     // most `limit` elements reaches, over `link` when there is one, else over
-    // the bus.
+    // the bus, keeping the children that `rule` keeps.
     TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
-                 int timeoutMs, size_t limit);
+                 int timeoutMs, size_t limit, ChildRule rule);
 
     // What was prefetched about one element; a fact that was not prefetched
     // is read from `live`. Null when the element is not in the snapshot.
@@ -52,7 +56,10 @@ public:
         std::optional<int> role;
         std::optional<StateBits> states;
         AccessibleProperties properties;
+        bool extentsFetched = false;
         std::optional<Extents> extents;
+        bool interfacesFetched = false;
+        std::optional<std::vector<std::string>> interfaces;
         bool hasValue = false;  // implements the Value interface
         bool textFetched = false;
         std::optional<std::string> text;
