@@ -4,8 +4,9 @@
  * It holds every kind of widget the bridge has to describe: a text entry, a
  * password entry, a multi-line text view, an editor that accessibility cannot
  * write to, buttons that change a label, labels that report the last key and
- * click the window received, and a long scrollable list that gives the window
- * well over 1500 accessible elements.
+ * click the window received, a long scrollable list, and a grid of small
+ * cells that gives the window well over 1500 accessible elements on screen
+ * (the list's rows out of sight are not among its children).
  *
  * It prints "ready" on standard output once its window is active, then takes
  * one command per line on standard input and answers each with "ok" once it
@@ -36,6 +37,8 @@
 #include <string.h>
 
 #define LIST_ROWS 800
+#define GRID_COLUMNS 50
+#define GRID_ROWS 28
 
 static GtkWidget *main_window, *second_window;
 static GtkWidget *entry, *password, *notes, *plain, *increment;
@@ -332,11 +335,33 @@ static void build_main_window(void) {
     gtk_container_add(GTK_CONTAINER(click_frame), click_area);
     gtk_box_pack_start(GTK_BOX(left), click_frame, FALSE, FALSE, 0);
 
+    /* The grid of cells, above the list. It sits a few boxes deep, so that
+     * a breadth-first walk meets every other widget (the list's rows
+     * included) before its cells fill the walk's budget. */
+    GtkWidget *right = gtk_box_new(GTK_ORIENTATION_VERTICAL, 4);
+    gtk_box_pack_start(GTK_BOX(columns), right, TRUE, TRUE, 0);
+    GtkWidget *holder = right;
+    for (int depth = 0; depth < 5; depth++) {
+        GtkWidget *box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+        gtk_box_pack_start(GTK_BOX(holder), box, FALSE, FALSE, 0);
+        holder = box;
+    }
+    GtkWidget *grid = gtk_grid_new();
+    name_widget(grid, "Cells");
+    gtk_grid_set_column_homogeneous(GTK_GRID(grid), TRUE);
+    for (int row = 0; row < GRID_ROWS; row++)
+        for (int column = 0; column < GRID_COLUMNS; column++) {
+            GtkWidget *cell = gtk_label_new(NULL);
+            gtk_label_set_markup(GTK_LABEL(cell), "<span size='6000'>·</span>");
+            gtk_grid_attach(GTK_GRID(grid), cell, column, row, 1, 1);
+        }
+    gtk_box_pack_start(GTK_BOX(holder), grid, FALSE, FALSE, 0);
+
     /* The long list: every row is a list item holding a label. */
     GtkWidget *scroller = gtk_scrolled_window_new(NULL, NULL);
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroller), GTK_POLICY_NEVER,
                                    GTK_POLICY_ALWAYS);
-    gtk_box_pack_start(GTK_BOX(columns), scroller, TRUE, TRUE, 0);
+    gtk_box_pack_start(GTK_BOX(right), scroller, TRUE, TRUE, 0);
     GtkWidget *list = gtk_list_box_new();
     name_widget(list, "Rows");
     for (int i = 1; i <= LIST_ROWS; i++) {
