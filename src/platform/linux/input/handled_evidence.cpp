@@ -223,14 +223,19 @@ std::unique_ptr<HandledEvidence> pauseEvidence() { return std::make_unique<Pause
 
 }  // namespace
 
-std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display* display,
-                                                            const FocusedText& focusedText) {
+std::unique_ptr<HandledEvidence> focusedEditorEvidence(Display* display,
+                                                       const FocusedText& focusedText) {
     Window client = focusedClient(display);
-    if (auto ping = pingEvidence(display, client)) return ping;
     std::optional<std::int64_t> pid;
     if (client != None) pid = processOf(display, client);
-    if (pid && focusedText)
-        if (auto editor = editorEvidence(focusedText(*pid))) return editor;
+    if (!pid || !focusedText) return nullptr;
+    return editorEvidence(focusedText(*pid));
+}
+
+std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display* display,
+                                                            const FocusedText& focusedText) {
+    if (auto ping = pingEvidence(display, focusedClient(display))) return ping;
+    if (auto editor = focusedEditorEvidence(display, focusedText)) return editor;
     return pauseEvidence();
 }
 

@@ -38,5 +38,8 @@ public:
 
 // The best evidence for the application that owns the keyboard focus.
 std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display*, const FocusedText&);
+// Evidence from the focused editor alone, that the characters typed so far
+// have reached the text, not only the application; null without one.
+std::unique_ptr<HandledEvidence> focusedEditorEvidence(Display*, const FocusedText&);
 
 }  // namespace quorvel::linux_backend

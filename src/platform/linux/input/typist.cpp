@@ -176,6 +176,7 @@ void Typist::flush() {
         changeKeys(display_, xkb_, keys);
         remaps_.clear();
     }
+    if (!queued_.empty()) keysSinceWait_ = true;
     for (const KeyStroke& stroke : queued_) {
         if (stroke.shift) XTestFakeKeyEvent(display_, shift_, True, CurrentTime);
         XTestFakeKeyEvent(display_, stroke.keycode, True, CurrentTime);
@@ -198,6 +199,8 @@ void Typist::endBatch() {
 bool Typist::prepare(std::u32string_view text) {
     if (!claim_.take(kClaimPatience)) return false;
     load();
+    if (!order_ && std::any_of(text.begin(), text.end(), [](char32_t c) { return c > 0xFFFF; }))
+        order_ = focusedEditorEvidence(display_, focusedText_);
     for (char32_t c : text) {
         KeySym keysym = keysymForCharacter(c);
         if (keysym == NoSymbol || layoutStroke(keysym)) continue;
@@ -216,8 +219,25 @@ void Typist::type(std::u32string_view text) {
     load();
     if (evidence_ && batch_ > kBatchesInFlight + 1) waitFor(batch_ - 1 - kBatchesInFlight);
     for (char32_t c : text) {
-        std::optional<KeyStroke> stroke = strokeFor(keysymForCharacter(c));
+        KeySym keysym = keysymForCharacter(c);
+        if (keysym == NoSymbol) continue;
+        // LibreOffice inserts a character beyond the BMP (two UTF-16 units
+        // from its input method) as soon as its key arrives, ahead of
+        // earlier keys it has not handled yet; so such a key waits until
+        // the application has handled every key before it.
+        // The application answering a ping is not enough: its key events
+        // may still wait in its own queue. The editor must show them.
+        if (c > 0xFFFF && (keysSinceWait_ || !queued_.empty())) {
+            flush();
+            if (order_) {
+                order_->sent(++orderBatch_);
+                order_->waitFor(orderBatch_);
+            }
+            keysSinceWait_ = false;
+        }
+        std::optional<KeyStroke> stroke = strokeFor(keysym);
         if (!stroke) continue;
+        if (order_) order_->typed(c);
         queued_.push_back(*stroke);
         if (evidence_) evidence_->typed(c);
     }

@@ -104,6 +104,11 @@ private:
     HandledEvidence::Batch batch_ = 1;    // the batch being sent
     HandledEvidence::Batch assumed_ = 0;  // taken as handled after a wait gave up
     bool batchUsedSpare_ = false;
+    // The focused editor, read before a character beyond the BMP is typed
+    // (see type()), and the keys sent since it was last read.
+    std::unique_ptr<HandledEvidence> order_;
+    HandledEvidence::Batch orderBatch_ = 0;
+    bool keysSinceWait_ = false;
 };
 
 }  // namespace quorvel::linux_backend
