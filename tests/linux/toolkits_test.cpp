@@ -1,0 +1,238 @@
+// How the backend maps what each toolkit reports to one meaning, checked
+// without a desktop: a top-level's frame and title, the children that make
+// "AXChildren", and the roles and values of text. The end-to-end tests run
+// the same rules against the real applications.
+#include <gtest/gtest.h>
+
+#include <atspi/atspi-constants.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/linux/atspi/child_filter.h"
+#include "platform/linux/atspi/element_facts.h"
+#include "platform/linux/window_identity.h"
+
+namespace quorvel::linux_backend {
+namespace {
+
+StateBits states(std::initializer_list<int> list) {
+    StateBits bits = 0;
+    for (int state : list) bits |= StateBits{1} << state;
+    return bits;
+}
+
+std::string text(const std::optional<Rect>& r) {
+    if (!r) return "none";
+    auto n = [](double v) { return std::to_string(static_cast<long>(v)); };
+    return n(r->x) + "," + n(r->y) + " " + n(r->width) + "x" + n(r->height);
+}
+
+// One window of process 7: client rectangle C, window manager frame insets.
+ClientWindow window(std::uint32_t id, Rect client, Insets frame, const char* name = "Doc",
+                    std::int64_t pid = 7) {
+    ClientWindow w;
+    w.id = id;
+    w.pid = pid;
+    w.viewable = true;
+    w.client = client;
+    w.frame = frame;
+    w.name = name;
+    return w;
+}
+
+const Insets kDecorated{1, 1, 20, 5};  // openbox: left, right, top, bottom
+
+TEST(WindowIdentity, EveryToolkitsFrameIsTheWholeWindow) {
+    const ClientWindow decorated = window(11, {640, 307, 640, 480}, kDecorated);  // F = 639,287 642x505
+    const ClientWindow undecorated = window(12, {10, 10, 1050, 980}, {});
+    struct {
+        const char* name;
+        std::optional<Extents> extents;
+        std::vector<ClientWindow> windows;
+        std::string frame;
+    } cases[] = {
+        // GTK 3 and LibreOffice report the frame: it stays as it is.
+        {"frame", Extents{639, 287, 642, 505}, {decorated}, "639,287 642x505"},
+        // Qt and Firefox report the client area: it grows by that window's
+        // decorations, so AT-SPI's numbers still meet X's in the match.
+        {"client_area", Extents{640, 307, 640, 480}, {decorated}, "639,287 642x505"},
+        {"client_area_off_by_one", Extents{641, 307, 640, 480}, {decorated}, "640,287 642x505"},
+        // Client-side decorations (Chromium, GTK 3 header bars): C = F.
+        {"undecorated", Extents{10, 10, 1050, 980}, {undecorated}, "10,10 1050x980"},
+        // The nearest window decides, not the first.
+        {"second_window",
+         Extents{100, 120, 400, 300},
+         {decorated, window(13, {100, 120, 400, 300}, kDecorated)},
+         "99,100 402x325"},
+        // A rectangle of no window of the process is reported unchanged; the
+        // match then refuses it.
+        {"no_window", Extents{5, 5, 50, 50}, {decorated}, "5,5 50x50"},
+        {"other_process", Extents{640, 307, 640, 480},
+         {window(11, {640, 307, 640, 480}, kDecorated, "Doc", 8)}, "640,307 640x480"},
+        {"no_extents", std::nullopt, {decorated}, "none"},
+    };
+    for (const auto& c : cases) {
+        TopLevelFacts facts{c.extents, "Doc", true, 7, false};
+        EXPECT_EQ(text(accessibilityFrame(facts, {c.windows, c.windows.front().id})), c.frame)
+            << c.name;
+    }
+}
+
+// GTK 4 gives no position: the frame comes from X only when both sides
+// agree on everything else.
+TEST(WindowIdentity, AWindowWithoutPositionNeedsEveryPieceOfEvidence) {
+    const ClientWindow editor = window(21, {610, 280, 700, 520}, {}, "notes.txt - Text Editor");
+    const ClientWindow other = window(22, {0, 0, 300, 200}, {}, "Preferences");
+    const Extents inside{0, 0, 690, 510};
+    const char* title = "notes.txt - Text Editor";
+    struct {
+        const char* name;
+        std::optional<Extents> extents;
+        const char* title;
+        bool active;
+        std::int64_t pid;
+        std::vector<ClientWindow> windows;
+        std::uint32_t active_window;
+        std::string frame;
+    } cases[] = {
+        {"agreeing", inside, title, true, 7, {other, editor}, 21, "610,280 700x520"},
+        {"decorated", inside, title, true, 7,
+         {window(21, {610, 280, 700, 520}, kDecorated, title)}, 21, "609,260 702x545"},
+        {"no_extents_at_all", std::nullopt, title, true, 7, {editor}, 21, "610,280 700x520"},
+        {"not_active", inside, title, false, 7, {editor}, 21, "none"},
+        {"another_window_in_front", inside, title, true, 7, {other, editor}, 22, "none"},
+        {"name_of_no_window", inside, "draft - Text Editor", true, 7, {editor}, 21, "none"},
+        {"two_windows_of_that_name", inside, title, true, 7,
+         {editor, window(23, {0, 0, 700, 520}, {}, title)}, 21, "none"},
+        {"another_process", inside, title, true, 8, {editor}, 21, "none"},
+        {"larger_than_its_window", Extents{0, 0, 702, 510}, title, true, 7, {editor}, 21, "none"},
+        {"far_smaller", Extents{0, 0, 500, 510}, title, true, 7, {editor}, 21, "none"},
+        {"unnamed", inside, "", true, 7, {window(21, {610, 280, 700, 520}, {}, "")}, 21, "none"},
+    };
+    for (const auto& c : cases) {
+        TopLevelFacts facts{c.extents, c.title, c.active, c.pid, true};
+        EXPECT_EQ(text(accessibilityFrame(facts, {c.windows, c.active_window})), c.frame) << c.name;
+    }
+}
+
+TEST(WindowIdentity, OnlyTheUnsavedChangesMarkerLeavesTheTitle) {
+    struct {
+        const char* name;
+        const char* title;
+    } cases[] = {
+        {"*Untitled 1 - Mousepad", "Untitled 1 - Mousepad"},
+        {"*/tmp/notes.txt", "/tmp/notes.txt"},
+        {"notes.txt *", "notes.txt"},
+        {"**double", "*double"},
+        {"*", ""},
+        {"Untitled 1 - Mousepad", "Untitled 1 - Mousepad"},
+        {"a * b", "a * b"},
+        {"notes.txt*", "notes.txt*"},
+        {"New Document (Draft) - Text Editor", "New Document (Draft) - Text Editor"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(windowTitle(c.name), c.title) << c.name;
+}
+
+TEST(ChildRule, KeepsWhatTheToolkitShows) {
+    const StateBits shown = states({ATSPI_STATE_SHOWING, ATSPI_STATE_VISIBLE});
+    const StateBits visible = states({ATSPI_STATE_VISIBLE});
+    const Extents area{0, 46, 690, 464}, empty{0, 46, 0, 0};
+    struct {
+        const char* name;
+        ChildRule rule;
+        std::optional<StateBits> states;
+        std::optional<Extents> extents;
+        bool kept;
+    } cases[] = {
+        {"showing", ChildRule::Showing, shown, std::nullopt, true},
+        {"closed_menu_item", ChildRule::Showing, visible, std::nullopt, false},
+        {"hidden_qt_widget", ChildRule::Showing, StateBits{0}, std::nullopt, false},
+        {"states_unreadable", ChildRule::Showing, std::nullopt, std::nullopt, true},
+        {"gtk4_visible", ChildRule::VisibleWithArea, visible, area, true},
+        {"gtk4_hidden_page", ChildRule::VisibleWithArea, visible, empty, false},
+        {"gtk4_not_visible", ChildRule::VisibleWithArea, StateBits{0}, area, false},
+        {"gtk4_no_component", ChildRule::VisibleWithArea, visible, std::nullopt, true},
+        {"focus_search", ChildRule::All, StateBits{0}, empty, true},
+    };
+    for (const auto& c : cases) EXPECT_EQ(keepsChild(c.rule, c.states, c.extents), c.kept) << c.name;
+}
+
+// Facts as a test scripts them; counts how often the text was asked for.
+struct TextFacts final : ElementFacts {
+    int roleValue = 0;
+    StateBits statesValue = 0;
+    std::optional<std::vector<std::string>> interfacesValue;
+    std::string textValue;
+    int textAsked = 0;
+
+    std::optional<int> role() override { return roleValue; }
+    std::optional<StateBits> states() override { return statesValue; }
+    std::optional<std::string> name() override { return std::nullopt; }
+    std::optional<std::string> description() override { return std::nullopt; }
+    std::optional<Extents> extents() override { return std::nullopt; }
+    std::optional<std::vector<std::string>> interfaces() override { return interfacesValue; }
+    std::optional<std::string> text() override { return ++textAsked, textValue; }
+    std::optional<double> currentValue() override { return std::nullopt; }
+    std::optional<ElementList> children() override { return std::nullopt; }
+};
+
+std::string read(TextFacts& facts, const char* attribute) {
+    AttributeRead r = readAttribute(facts, attribute);
+    if (r.code != kAXErrorSuccess) return "error";
+    if (auto* s = std::get_if<std::string>(&r.value)) return *s;
+    return "other";
+}
+
+// Word processors and web pages put their text in paragraphs; browsers'
+// text areas are entries of several lines.
+TEST(TextRoles, ParagraphsAndEntriesCarryTheirText) {
+    const std::vector<std::string> text{kTextInterface}, none{};
+    const StateBits editable = states({ATSPI_STATE_EDITABLE, ATSPI_STATE_MULTI_LINE});
+    const std::string object = "\xEF\xBF\xBC", padding = "\xEF\xBB\xBF", emoji = "\xF0\x9F\x98\x80";
+    struct {
+        const char* name;
+        int role;
+        StateBits states;
+        std::optional<std::vector<std::string>> interfaces;
+        std::string text;
+        std::string axRole, value;
+        int textAsked;
+    } cases[] = {
+        {"editable_paragraph", ATSPI_ROLE_PARAGRAPH, editable, text, "Hello", "AXTextArea", "Hello", 1},
+        {"static_paragraph", ATSPI_ROLE_PARAGRAPH, 0, text, "See " + object + " here", "AXStaticText",
+         "See  here", 1},
+        {"paragraph_without_text", ATSPI_ROLE_PARAGRAPH, editable, none, "", "paragraph", "error", 0},
+        {"interfaces_unreadable", ATSPI_ROLE_PARAGRAPH, editable, std::nullopt, "", "paragraph",
+         "error", 0},
+        {"editable_document_text", ATSPI_ROLE_DOCUMENT_TEXT, editable, text, "Doc", "AXTextArea",
+         "Doc", 1},
+        {"document_text_without_text", ATSPI_ROLE_DOCUMENT_TEXT, editable, none, "", "document text",
+         "error", 0},
+        {"read_only_document_text", ATSPI_ROLE_DOCUMENT_TEXT, 0, text, "Long", "document text",
+         "error", 0},
+        {"textarea", ATSPI_ROLE_ENTRY, editable, std::nullopt, "a\nb", "AXTextArea", "a\nb", 1},
+        {"input", ATSPI_ROLE_ENTRY, states({ATSPI_STATE_SINGLE_LINE}), std::nullopt, "Ada",
+         "AXTextField", "Ada", 1},
+        {"firefox_padding", ATSPI_ROLE_ENTRY, editable, std::nullopt, "a" + emoji + padding + "b",
+         "AXTextArea", "a" + emoji + "b", 1},
+        {"padding_of_its_own", ATSPI_ROLE_ENTRY, editable, std::nullopt, "a" + padding + "b",
+         "AXTextArea", "a" + padding + "b", 1},
+        // Never read, whatever the states say.
+        {"password", ATSPI_ROLE_PASSWORD_TEXT, editable, text, "hunter2", "AXTextField", "error", 0},
+    };
+    for (const auto& c : cases) {
+        TextFacts facts;
+        facts.roleValue = c.role;
+        facts.statesValue = c.states;
+        facts.interfacesValue = c.interfaces;
+        facts.textValue = c.text;
+        EXPECT_EQ(read(facts, "AXRole"), c.axRole) << c.name;
+        EXPECT_EQ(read(facts, "AXValue"), c.value) << c.name;
+        EXPECT_EQ(facts.textAsked, c.textAsked) << c.name;
+    }
+}
+
+}  // namespace
+}  // namespace quorvel::linux_backend
