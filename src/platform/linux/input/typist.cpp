@@ -37,6 +37,7 @@ Typist::Typist(Display* display, FocusedText focusedText)
     : display_(display), focusedText_(std::move(focusedText)), claim_(display) {}
 
 Typist::~Typist() {
+    settle();
     restore();
     if (xkb_) XkbFreeKeyboard(xkb_, 0, True);
 }
@@ -243,6 +244,16 @@ void Typist::type(std::u32string_view text) {
     }
     flush();
     endBatch();
+}
+
+void Typist::settle() {
+    flush();
+    if (!keysSinceWait_) return;
+    if (!evidence_) evidence_ = focusedApplicationEvidence(display_, focusedText_);
+    batchUsedSpare_ = true;
+    endBatch();
+    waitFor(batch_ - 1);
+    keysSinceWait_ = false;
 }
 
 void Typist::restore() {

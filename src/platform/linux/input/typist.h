@@ -80,6 +80,13 @@ public:
     // keycodes, then gives them back their original (empty) mapping and
     // deletes the record of them.
     void restore();
+    // Key events were sent outside `type` (a named key).
+    void keysSent() { keysSinceWait_ = true; }
+    // Waits for the application to handle every key sent so far. Chromium
+    // crashes when the client that sent a key has left the accessibility
+    // bus by the time it handles that key, so no key is left unhandled when
+    // the process ends.
+    void settle();
     // Restores at once and lets a held termination signal act.
     void honourTermination();
 

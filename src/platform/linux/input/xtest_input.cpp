@@ -214,6 +214,7 @@ void XInput::post(EventTap, EventObject& object) {
             XTestFakeKeyEvent(display, key, True, CurrentTime);
             heldKeys_.push_back(key);
         }
+        typist_->keysSent();
         typist_->endBatch();
         break;
     }
