@@ -257,7 +257,8 @@ void Accessibility::setTimeout(float seconds) {
 AttributeRead Accessibility::focusedWindow(const AccessibleElement& application) {
     // Chromium marks none of its windows ACTIVE until a client has asked for
     // its socket's address, as libatspi does of every application it first
-    // touches; so that question goes out before the states are read.
+    // touches; so that question goes out before the states are read. It
+    // builds a window's tree only once the window's attributes were asked.
     if (!applicationFacts(application.ref().bus, true).answered) return {kAXErrorNoValue, {}};
     auto windows = windowStates(application.ref());
     if (!windows) return {kAXErrorNoValue, {}};
@@ -265,9 +266,14 @@ AttributeRead Accessibility::focusedWindow(const AccessibleElement& application)
     // that are SHOWING with no X window behind them.
     for (size_t i = 0; i < windows->children.size(); ++i) {
         std::optional<StateBits> states = parseStates(windows->replies[i].get());
-        if (states && hasState(*states, ATSPI_STATE_ACTIVE))
-            return {kAXErrorSuccess,
-                    elementFor(windows->children[i], AccessibleElement::Kind::TopLevel)};
+        if (!states || !hasState(*states, ATSPI_STATE_ACTIVE)) continue;
+        // Asked once per application in a process, as a screen reader does.
+        ApplicationFacts& known = applications_[application.ref().bus];
+        if (!known.windowAttributesAsked) {
+            known.windowAttributesAsked = true;
+            callAndWait(atspi_get_a11y_bus(), attributesCall(windows->children[i]), timeoutMs_);
+        }
+        return {kAXErrorSuccess, elementFor(windows->children[i], AccessibleElement::Kind::TopLevel)};
     }
     return {kAXErrorNoValue, {}};
 }

@@ -116,6 +116,7 @@ private:
     // nothing, until `retry` asks it again (each identification does).
     struct ApplicationFacts {
         bool answered = false;
+        bool windowAttributesAsked = false;  // see attributesCall
         std::optional<std::string> address;
         bool gtk4 = false;
         std::optional<std::int64_t> pid;

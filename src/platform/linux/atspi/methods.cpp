@@ -69,6 +69,9 @@ Message interfacesCall(const ObjectRef& ref) {
     return methodCall(ref, kAccessible, "GetInterfaces");
 }
 Message childrenCall(const ObjectRef& ref) { return methodCall(ref, kAccessible, "GetChildren"); }
+Message attributesCall(const ObjectRef& ref) {
+    return methodCall(ref, kAccessible, "GetAttributes");
+}
 
 Message childAtIndexCall(const ObjectRef& ref, int index) {
     Message call = methodCall(ref, kAccessible, "GetChildAtIndex");

@@ -37,6 +37,10 @@ Message textCall(const ObjectRef&, int start = 0, int end = -1);
 Message caretOffsetCall(const ObjectRef&);
 Message currentValueCall(const ObjectRef&);
 Message childrenCall(const ObjectRef&);
+// The object's attributes (name-value pairs). Screen readers ask a window
+// for them first, and Chromium builds a window's tree only once a client
+// has: until then the window's one child is the null object.
+Message attributesCall(const ObjectRef&);
 Message childAtIndexCall(const ObjectRef&, int index);
 Message setTextContentsCall(const ObjectRef&, const std::string& text);
 // The application's own account of every object it has announced.
