@@ -102,6 +102,21 @@ public:
         if (!ref || !name || !value) return ::kAXErrorIllegalArgument;
         return AXUIElementSetAttributeValue(ref, name.get(), value.get());
     }
+    // Chromium-based browsers and Electron applications expose their web
+    // content only to a client that sets "AXManualAccessibility" on their
+    // application element. It is set on the application of the window about
+    // to be scanned, the frontmost one, before anything of it is read; any
+    // other application answers that it has no such attribute.
+    void beginTreeScan(const Element& root) override {
+        AXUIElementRef window = axElement(root);
+        pid_t pid = 0;
+        if (!window || AXUIElementGetPid(window, &pid) != ::kAXErrorSuccess) return;
+        CFRef<AXUIElementRef> application =
+            CFRef<AXUIElementRef>::adopt(AXUIElementCreateApplication(pid));
+        if (application)
+            AXUIElementSetAttributeValue(application.get(), CFSTR("AXManualAccessibility"),
+                                         kCFBooleanTrue);
+    }
     bool equal(const Element& a, const Element& b) override {
         AXUIElementRef left = axElement(a);
         AXUIElementRef right = axElement(b);
