@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <thread>
+#include <variant>
 
 #include "platform/linux/atspi/accessibility.h"
 #include "platform/linux/atspi/accessible_element.h"
@@ -101,7 +102,12 @@ public:
     AttributeRead copyAttributeValue(const Element& element, std::string_view attribute) override {
         auto* object = dynamic_cast<const AccessibleElement*>(element.get());
         if (object && object->topLevel()) {
-            if (attribute == "AXPosition" || attribute == "AXSize") return frame(element, attribute);
+            if (attribute == "AXPosition" || attribute == "AXSize") {
+                // The scanned window's frame is read once for its scan.
+                if (scanFrame_ && scanRoot_ && accessibility_.equal(element, scanRoot_))
+                    return frameAttribute(*scanFrame_, attribute);
+                return frameAttribute(frame(element), attribute);
+            }
             if (attribute == "AXTitle") {
                 AttributeRead read = accessibility_.read(element, attribute);
                 if (auto* name = std::get_if<std::string>(&read.value))
@@ -120,8 +126,19 @@ public:
         return accessibility_.setText(element, attribute, text);
     }
     bool equal(const Element& a, const Element& b) override { return accessibility_.equal(a, b); }
-    void beginTreeScan(const Element& root) override { accessibility_.beginTreeScan(root); }
-    void endTreeScan() override { accessibility_.endTreeScan(); }
+    void beginTreeScan(const Element& root) override {
+        auto* object = dynamic_cast<const AccessibleElement*>(root.get());
+        if (object && object->topLevel()) {
+            scanRoot_ = root;
+            scanFrame_ = frame(root);
+        }
+        accessibility_.beginTreeScan(root);
+    }
+    void endTreeScan() override {
+        accessibility_.endTreeScan();
+        scanRoot_ = nullptr;
+        scanFrame_.reset();
+    }
 
     std::optional<std::vector<WindowListEntry>> copyWindowInfo(std::uint32_t options,
                                                                std::uint32_t) override {
@@ -191,12 +208,14 @@ private:
 
     static constexpr int kFlagTimeoutMs = 1000;
 
-    // A top-level's position or size: the whole window, as the window list
-    // has it (window_identity.h), from both sides read afresh.
-    AttributeRead frame(const Element& element, std::string_view attribute) {
+    // A top-level's frame: the whole window, as the window list has it
+    // (window_identity.h), from both sides read afresh; an error code when
+    // there is none.
+    using Frame = std::variant<Rect, AXError>;
+    Frame frame(const Element& element) {
         std::optional<Accessibility::TopLevel> top = accessibility_.topLevel(element);
         std::optional<ClientWindows> clients = display().clientWindows();
-        if (!top || !clients) return {kAXErrorCannotComplete, {}};
+        if (!top || !clients) return kAXErrorCannotComplete;
         TopLevelFacts facts;
         facts.extents = top->extents;
         facts.name = top->name.value_or("");
@@ -204,7 +223,12 @@ private:
         facts.pid = top->pid.value_or(-1);
         facts.relativeCoordinates = top->relativeCoordinates;
         std::optional<Rect> rect = accessibilityFrame(facts, *clients);
-        if (!rect) return {kAXErrorNoValue, {}};
+        if (!rect) return kAXErrorNoValue;
+        return *rect;
+    }
+    static AttributeRead frameAttribute(const Frame& frame, std::string_view attribute) {
+        const Rect* rect = std::get_if<Rect>(&frame);
+        if (!rect) return {std::get<AXError>(frame), {}};
         if (attribute == "AXPosition") return {kAXErrorSuccess, Point{rect->x, rect->y}};
         return {kAXErrorSuccess, Size{rect->width, rect->height}};
     }
@@ -218,6 +242,9 @@ private:
     XInput input_;
     bool keyboardChecked_ = false;
     bool flagChecked_ = false;
+    // The scanned window and its frame, for the one scan of the request.
+    Element scanRoot_;
+    std::optional<Frame> scanFrame_;
 };
 
 }  // namespace
