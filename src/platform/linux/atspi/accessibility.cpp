@@ -25,18 +25,6 @@ const AccessibleElement* atspi(const Element& element) {
     return dynamic_cast<const AccessibleElement*>(element.get());
 }
 
-// The states of several objects, asked for all at once.
-std::vector<std::optional<StateBits>> statesOf(const ElementList& elements, DBusConnection* bus,
-                                               int timeoutMs) {
-    if (elements.empty()) return {};
-    CallBatch batch(bus, timeoutMs);
-    for (const Element& element : elements) batch.add(stateCall(atspi(element)->ref()));
-    batch.wait();
-    std::vector<std::optional<StateBits>> states;
-    for (size_t i = 0; i < elements.size(); ++i) states.push_back(parseStates(batch.reply(i)));
-    return states;
-}
-
 // The first descendant of `window` with the FOCUSED and FOCUSABLE states
 // (focusedDescendantCall), found by the application itself in one Collection
 // query: null when there is none or the application did not answer, empty
@@ -64,24 +52,42 @@ std::vector<ObjectRef> activeFirst(const std::vector<ObjectRef>& windows,
     return active;
 }
 
-// The same search, walking the tree one level at a time.
-Element focusedByWalk(const Element& window, DBusConnection* bus, int timeoutMs) {
-    std::vector<Element> level{window};
+// The same search, walking the tree one level at a time: every children
+// list of a level, and then every state of the next, asked at once. Only
+// what `rule` keeps is searched further: the focus is on what is shown.
+Element focusedByWalk(const Element& window, DBusConnection* bus, int timeoutMs, ChildRule rule) {
+    std::vector<ObjectRef> level{atspi(window)->ref()};
     size_t seen = 0;
     while (!level.empty() && seen < kFocusSearchLimit) {
-        std::vector<Element> next;
-        for (const Element& element : level) {
-            LiveFacts facts(atspi(element)->ref(), bus, timeoutMs, nullptr, ChildRule::All);
-            if (auto children = facts.children())
-                next.insert(next.end(), children->begin(), children->end());
-        }
+        CallBatch lists(bus, timeoutMs);
+        for (const ObjectRef& ref : level) lists.add(childrenCall(ref));
+        lists.wait();
+        std::vector<ObjectRef> next;
+        for (size_t i = 0; i < level.size(); ++i)
+            if (auto children = parseChildren(lists.reply(i)))
+                for (ObjectRef& child : *children)
+                    if (child.path != "/org/a11y/atspi/null") next.push_back(std::move(child));
+        if (lists.timedOut() || next.empty()) break;
         seen += next.size();
-        std::vector<std::optional<StateBits>> states = statesOf(next, bus, timeoutMs);
-        for (size_t i = 0; i < next.size(); ++i)
-            if (states[i] && hasState(*states[i], ATSPI_STATE_FOCUSED) &&
-                hasState(*states[i], ATSPI_STATE_FOCUSABLE))
-                return next[i];
-        level = std::move(next);
+        const size_t calls = needsExtents(rule) ? 2 : 1;
+        CallBatch states(bus, timeoutMs);
+        for (const ObjectRef& ref : next) {
+            states.add(stateCall(ref));
+            if (needsExtents(rule)) states.add(extentsCall(ref));
+        }
+        states.wait();
+        std::vector<ObjectRef> shown;
+        for (size_t i = 0; i < next.size(); ++i) {
+            std::optional<StateBits> bits = parseStates(states.reply(i * calls));
+            if (bits && hasState(*bits, ATSPI_STATE_FOCUSED) &&
+                hasState(*bits, ATSPI_STATE_FOCUSABLE))
+                return elementFor(std::move(next[i]));
+            std::optional<Extents> extents;
+            if (needsExtents(rule)) extents = parseExtents(states.reply(i * calls + 1));
+            if (keepsChild(rule, bits, extents)) shown.push_back(std::move(next[i]));
+        }
+        if (states.timedOut()) break;
+        level = std::move(shown);
     }
     return nullptr;
 }
@@ -320,7 +326,7 @@ AttributeRead Accessibility::focusedElement(const AccessibleElement& application
         } else {
             focused = focusedByCollection(window, bus, timeoutMs_);
         }
-        if (!focused) focused = focusedByWalk(elementFor(window), bus, timeoutMs_);
+        if (!focused) focused = focusedByWalk(elementFor(window), bus, timeoutMs_, childRule(app.bus));
         if (*focused) return {kAXErrorSuccess, *focused};
     }
     return {kAXErrorNoValue, {}};
