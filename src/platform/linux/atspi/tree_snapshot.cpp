@@ -33,6 +33,10 @@ bool carriesValue(int role) {
     }
 }
 
+// Whether an object's children may be too many to list whole: it says it
+// manages its descendants (tables, trees, documents).
+bool mayBeHuge(StateBits states) { return hasState(states, ATSPI_STATE_MANAGES_DESCENDANTS); }
+
 class SnapshotFacts final : public ElementFacts {
 public:
     SnapshotFacts(const TreeSnapshot::Record& record, ElementFacts& live)
@@ -181,7 +185,10 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             if (item == cache.items.end()) {
                 c.name = first.add(nameCall(ref));
                 c.description = first.add(descriptionCall(ref));
-                c.childCount = first.add(childCountCall(ref));
+                // Only a list that may be huge is counted first; any other
+                // is listed whole.
+                if (!record.states || mayBeHuge(*record.states))
+                    c.childCount = first.add(childCountCall(ref));
                 c.role = first.add(roleCall(ref));
                 if (!record.states) c.states = first.add(stateCall(ref));
                 continue;
@@ -233,8 +240,16 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             }
 
             // The children list, while the scan still takes children.
+            if (c.listed || visited >= limit) continue;
             std::optional<int> count = record.properties.childCount;
-            if (c.listed || visited >= limit || !count) continue;
+            if (!count) {
+                // Not counted: a list that cannot be huge is listed whole;
+                // any other is left to a live read.
+                if (!record.states || mayBeHuge(*record.states)) continue;
+                c.wholeList = true;
+                c.children.push_back(second.add(childrenCall(ref)));
+                continue;
+            }
             if (*count <= 0) {
                 c.listed.emplace();
             } else if (*count <= kWholeListLimit) {
