@@ -146,7 +146,10 @@ void KeyboardClaim::restored() {
     if (!held_) return;
     Atom property = XInternAtom(display_, kRecord, True);
     if (property != None) XDeleteProperty(display_, DefaultRootWindow(display_), property);
-    XFlush(display_);
+    // Seen done before anything else happens: a bridge that restores on a
+    // termination request dies right after this, and a request still in
+    // its socket would reach the server after others had looked.
+    XSync(display_, False);
 }
 
 void KeyboardClaim::letGo() {
