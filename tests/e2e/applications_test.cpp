@@ -379,12 +379,15 @@ TEST_P(Applications, AreObservedAndOperated) {
         return;
     }
 
-    // Ready once its window shows the document and its fields.
+    // Ready once its window shows the document and its fields, laid out:
+    // a browser lists a field before it has placed it, off screen.
     Json seen = observeFor(
         [&](const Json& o) {
-            return running.owns(o["scope"]) &&
-                   o["scope"]["window"].get<std::string>().find(app.title) != std::string::npos &&
-                   !editableField(o, app.fields.front().role, app.fields.front().value).is_null();
+            if (!running.owns(o["scope"]) ||
+                o["scope"]["window"].get<std::string>().find(app.title) == std::string::npos)
+                return false;
+            Json field = editableField(o, app.fields.front().role, app.fields.front().value);
+            return !field.is_null() && (!app.bounds || field["visible"] == true);
         },
         std::chrono::seconds(120));
     ASSERT_TRUE(running.owns(seen["scope"])) << seen.dump().substr(0, 500);
