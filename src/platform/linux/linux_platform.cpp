@@ -1,9 +1,9 @@
-// The Linux desktop: AT-SPI2 for accessibility, Xlib with the window
-// manager's EWMH properties for the foreground window and the window list,
-// Composite for window images, Tesseract for text recognition. The event
-// side (XTest) lives in XInput; this class forwards to it one for one. What
-// a top-level's frame and title mean is decided where both sides meet
-// (window_identity.h).
+// The Linux desktop: AT-SPI2 for accessibility and Tesseract for text
+// recognition, with a window system (window_system.h) for the foreground
+// window, the window list, window images and input: the X server, or a
+// Wayland compositor. The window system is chosen when the desktop is first
+// needed, and this class forwards to it one for one. What a top-level's
+// frame and title mean is decided where both sides meet (window_identity.h).
 #include <atspi/atspi-constants.h>
 
 #include <chrono>
@@ -15,11 +15,8 @@
 #include "platform/linux/atspi/bus.h"
 #include "platform/linux/png_encoder.h"
 #include "platform/linux/text_recognition.h"
-#include "platform/linux/x11/capture.h"
-#include "platform/linux/x11/display.h"
-#include "platform/linux/input/keyboard_claim.h"
-#include "platform/linux/input/xtest_input.h"
 #include "platform/linux/window_identity.h"
+#include "platform/linux/window_system.h"
 #include "platform/platform.h"
 
 namespace quorvel {
@@ -51,23 +48,25 @@ private:
 class LinuxPlatform final : public Platform {
 public:
     LinuxPlatform()
-        : accessibility_([this] { return display().rootTextProperty("AT_SPI_BUS"); }),
-          input_([this](std::int64_t pid) -> std::unique_ptr<EditorText> {
-              std::optional<ObjectRef> text = accessibility_.focusedText(pid);
-              if (!text) return nullptr;
-              return std::make_unique<AccessibleEditorText>(accessibility_, std::move(*text));
-          }) {}
+        : accessibility_([this] { return windows().publishedBusAddress(); }) {}
 
     std::string name() const override { return "linux"; }
+    // The window system's sentence when it cannot list the windows (no AT-SPI
+    // would help then), the accessibility bus's otherwise.
     std::string accessibilityPermissionMessage() const override {
+        if (windowsUnavailable_) return *windowsUnavailable_;
         return "Start the AT-SPI accessibility bus in this desktop session, then retry.";
     }
-    std::string screenCapturePermissionMessage() const override {
-        return "Open an X display that this process can read, then retry.";
-    }
+    std::string screenCapturePermissionMessage() const override { return captureUnavailable_; }
 
-    bool isProcessTrusted() override { return accessibility_.reachable(); }
-    bool preflightScreenCaptureAccess() override { return display().get() != nullptr; }
+    bool isProcessTrusted() override {
+        windowsUnavailable_ = windows().windowsUnavailable();
+        return !windowsUnavailable_ && accessibility_.reachable();
+    }
+    bool preflightScreenCaptureAccess() override {
+        captureUnavailable_ = windows().captureUnavailable();
+        return windows().canCapture();
+    }
 
     Application frontmostApplication() override {
         // Every observation and every input asks this first ("capabilities"
@@ -77,7 +76,7 @@ public:
             flagChecked_ = true;
             turnOnAccessibility(kFlagTimeoutMs);
         }
-        std::optional<ActiveClient> active = display().activeClient();
+        std::optional<WindowSystem::Focus> active = windows().focus();
         if (!active) return nullptr;
         // A window without a process id cannot be tied to an application on
         // the accessibility bus; it is still a foreground window.
@@ -142,12 +141,12 @@ public:
 
     std::optional<std::vector<WindowListEntry>> copyWindowInfo(std::uint32_t options,
                                                                std::uint32_t) override {
-        return display().windowList((options & kCGWindowListOptionOnScreenOnly) != 0,
-                                   (options & kCGWindowListExcludeDesktopElements) != 0);
+        return windows().windowList((options & kCGWindowListOptionOnScreenOnly) != 0,
+                                    (options & kCGWindowListExcludeDesktopElements) != 0);
     }
     Image createWindowImage(const Rect& screenBounds, std::uint32_t, std::uint32_t windowID,
                             std::uint32_t) override {
-        std::optional<Pixels> pixels = captureWindow(display().get(), windowID, screenBounds);
+        std::optional<Pixels> pixels = windows().capture(windowID, screenBounds);
         if (!pixels) return nullptr;
         return std::make_shared<CapturedImage>(std::move(*pixels));
     }
@@ -167,27 +166,29 @@ public:
         return linux_backend::encodePng(captured->pixels);
     }
 
-    std::optional<Point> pointerLocation() override { return input_.pointerLocation(); }
+    std::optional<Point> pointerLocation() override { return windows().pointerLocation(); }
     Event createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) override {
-        return input_.createKeyboardEvent(virtualKey, keyDown);
+        return windows().createKeyboardEvent(virtualKey, keyDown);
     }
     Event createMouseEvent(MouseEventType type, Point location, MouseButton button) override {
-        return input_.createMouseEvent(type, location, button);
+        return windows().createMouseEvent(type, location, button);
     }
     Event createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
                                  std::int32_t wheel2, std::int32_t wheel3) override {
-        return input_.createScrollWheelEvent(unit, wheelCount, wheel1, wheel2, wheel3);
+        return windows().createScrollWheelEvent(unit, wheelCount, wheel1, wheel2, wheel3);
     }
-    void setFlags(EventObject& event, EventFlags flags) override { input_.setFlags(event, flags); }
+    void setFlags(EventObject& event, EventFlags flags) override {
+        windows().setFlags(event, flags);
+    }
     void setUnicodeString(EventObject& event, std::span<const char16_t> text) override {
-        input_.setUnicodeString(event, text);
+        windows().setUnicodeString(event, text);
     }
     void setIntegerValueField(EventObject& event, EventField field, std::int64_t value) override {
-        input_.setIntegerValueField(event, field, value);
+        windows().setIntegerValueField(event, field, value);
     }
-    void post(EventTap tap, EventObject& event) override { input_.post(tap, event); }
+    void post(EventTap tap, EventObject& event) override { windows().post(tap, event); }
     std::optional<std::string> prepareText(std::string_view text) override {
-        return input_.prepareText(text);
+        return windows().prepareText(text);
     }
 
     void sleep(double seconds) override {
@@ -195,15 +196,15 @@ public:
     }
 
 private:
-    // The display. The first request that reaches it first gives back the
-    // spare keycodes that a bridge killed while typing left changed, before
-    // anything is read or typed (keyboard_claim.h).
-    XDisplay& display() {
-        if (!keyboardChecked_) {
-            keyboardChecked_ = true;
-            repairAbandonedKeys(display_.get());
-        }
-        return display_;
+    // The window system of this session, opened on first use.
+    WindowSystem& windows() {
+        if (!windows_)
+            windows_ = openWindowSystem([this](std::int64_t pid) -> std::unique_ptr<EditorText> {
+                std::optional<ObjectRef> text = accessibility_.focusedText(pid);
+                if (!text) return nullptr;
+                return std::make_unique<AccessibleEditorText>(accessibility_, std::move(*text));
+            });
+        return *windows_;
     }
 
     static constexpr int kFlagTimeoutMs = 1000;
@@ -214,7 +215,7 @@ private:
     using Frame = std::variant<Rect, AXError>;
     Frame frame(const Element& element) {
         std::optional<Accessibility::TopLevel> top = accessibility_.topLevel(element);
-        std::optional<ClientWindows> clients = display().clientWindows();
+        std::optional<ClientWindows> clients = windows().clientWindows();
         if (!top || !clients) return kAXErrorCannotComplete;
         TopLevelFacts facts;
         facts.extents = top->extents;
@@ -233,14 +234,15 @@ private:
         return {kAXErrorSuccess, Size{rect->width, rect->height}};
     }
 
-    // The display outlives the accessibility side, which may read the bus
-    // address from its root window; the accessibility side outlives the
-    // input, whose typing evidence reads the focused editor through it.
-    XDisplay display_;
+    // The accessibility side outlives the window system, whose typing
+    // evidence reads the focused editor through it (also while the X
+    // keyboard mapping is restored at the end).
     Accessibility accessibility_;
     TextRecognizer recognizer_;
-    XInput input_;
-    bool keyboardChecked_ = false;
+    std::unique_ptr<WindowSystem> windows_;
+    // The sentences for what is missing, as last found.
+    std::optional<std::string> windowsUnavailable_;
+    std::string captureUnavailable_;
     bool flagChecked_ = false;
     // The scanned window and its frame, for the one scan of the request.
     Element scanRoot_;
