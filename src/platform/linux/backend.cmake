@@ -32,3 +32,6 @@ target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_PNG)
 # XTest input: Xlib and XTest, and xkbcommon's character-to-keysym table.
 pkg_check_modules(QUORVEL_XINPUT REQUIRED IMPORTED_TARGET x11 xtst xkbcommon)
 target_link_libraries(quorvel_platform PRIVATE PkgConfig::QUORVEL_XINPUT)
+
+# Wayland: the window system of a wlroots compositor (wayland/).
+include(${CMAKE_CURRENT_LIST_DIR}/wayland/wayland.cmake)
