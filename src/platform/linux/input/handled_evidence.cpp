@@ -214,14 +214,14 @@ std::unique_ptr<HandledEvidence> pingEvidence(Display* display, Window window) {
     return std::make_unique<PingEvidence>(display, window);
 }
 
+std::unique_ptr<HandledEvidence> pauseEvidence() { return std::make_unique<PauseEvidence>(); }
+
+}  // namespace
+
 std::unique_ptr<HandledEvidence> editorEvidence(std::unique_ptr<EditorText> editor) {
     if (!editor) return nullptr;
     return std::make_unique<EditorEvidence>(std::move(editor));
 }
-
-std::unique_ptr<HandledEvidence> pauseEvidence() { return std::make_unique<PauseEvidence>(); }
-
-}  // namespace
 
 std::unique_ptr<HandledEvidence> focusedEditorEvidence(Display* display,
                                                        const FocusedText& focusedText) {

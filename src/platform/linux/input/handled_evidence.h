@@ -13,12 +13,12 @@
 // Every wait is bounded; a wait that gives up lets typing go on.
 #pragma once
 
-#include <X11/Xlib.h>
-
 #include <cstdint>
 #include <memory>
 
 #include "platform/linux/input/editor_text.h"
+
+struct _XDisplay;
 
 namespace quorvel::linux_backend {
 
@@ -37,9 +37,13 @@ public:
 };
 
 // The best evidence for the application that owns the keyboard focus.
-std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display*, const FocusedText&);
+std::unique_ptr<HandledEvidence> focusedApplicationEvidence(_XDisplay*, const FocusedText&);
 // Evidence from the focused editor alone, that the characters typed so far
 // have reached the text, not only the application; null without one.
-std::unique_ptr<HandledEvidence> focusedEditorEvidence(Display*, const FocusedText&);
+std::unique_ptr<HandledEvidence> focusedEditorEvidence(_XDisplay*, const FocusedText&);
+
+// The editor's evidence alone (what a window system without pings has);
+// null without an editor.
+std::unique_ptr<HandledEvidence> editorEvidence(std::unique_ptr<EditorText> editor);
 
 }  // namespace quorvel::linux_backend
