@@ -21,6 +21,19 @@
 
 namespace quorvel::linux_backend {
 
+// The focused window as the window system places it, for toolkits that
+// report element positions relative to their own window (on Wayland) rather
+// than on the screen.
+struct FocusedWindow {
+    std::optional<std::int64_t> pid;
+    Rect bounds;        // where the window's content lies, in the window list's space
+    std::string title;  // as the window system knows it
+    // The client places its elements relative to the window (a native
+    // Wayland client), not in global coordinates (an X11 client under
+    // Xwayland).
+    bool relativeExtents = true;
+};
+
 class WindowSystem {
 public:
     virtual ~WindowSystem() = default;
@@ -43,6 +56,11 @@ public:
         std::optional<std::int64_t> pid;
     };
     virtual std::optional<Focus> focus() = 0;
+    // Whether clients report element positions relative to their own
+    // windows (Wayland), so that they must be placed with focusedWindow().
+    virtual bool windowRelativeExtents() const { return false; }
+    // The focused window's placement; nothing when no window has the focus.
+    virtual std::optional<FocusedWindow> focusedWindow() { return std::nullopt; }
     // The windows, front to back; nothing when there is no list at all.
     virtual std::optional<std::vector<WindowListEntry>> windowList(bool onScreenOnly,
                                                                    bool excludeDesktop) = 0;
@@ -67,10 +85,15 @@ public:
     virtual std::optional<std::string> prepareText(std::string_view utf8) = 0;
 };
 
-// The window system of this session. `focusedText` reads the focused
-// editor, for typing's evidence that keys were handled.
+// The window system of this session, by the platform libraries' own rules:
+// a Wayland compositor when WAYLAND_DISPLAY or WAYLAND_SOCKET names one that
+// answers (libwayland would otherwise try "wayland-0", which is no evidence
+// of a Wayland session), the X server of DISPLAY otherwise. `focusedText`
+// reads the focused editor, for typing's evidence that keys were handled.
 std::unique_ptr<WindowSystem> openWindowSystem(FocusedText focusedText);
 
 std::unique_ptr<WindowSystem> openX11WindowSystem(FocusedText focusedText);
+// Null when no compositor answers.
+std::unique_ptr<WindowSystem> openWaylandWindowSystem(FocusedText focusedText);
 
 }  // namespace quorvel::linux_backend
