@@ -3,7 +3,9 @@
 // window, the window list, window images and input: the X server, or a
 // Wayland compositor. The window system is chosen when the desktop is first
 // needed, and this class forwards to it one for one. What a top-level's
-// frame and title mean is decided where both sides meet (window_identity.h).
+// frame and title mean on X is decided where both sides meet
+// (window_identity.h); where clients place their elements relative to their
+// own windows, the positions meet the window list in WindowPlacement.
 #include <atspi/atspi-constants.h>
 
 #include <chrono>
@@ -16,6 +18,7 @@
 #include "platform/linux/png_encoder.h"
 #include "platform/linux/text_recognition.h"
 #include "platform/linux/window_identity.h"
+#include "platform/linux/window_placement.h"
 #include "platform/linux/window_system.h"
 #include "platform/platform.h"
 
@@ -48,7 +51,8 @@ private:
 class LinuxPlatform final : public Platform {
 public:
     LinuxPlatform()
-        : accessibility_([this] { return windows().publishedBusAddress(); }) {}
+        : accessibility_([this] { return windows().publishedBusAddress(); }),
+          placement_(accessibility_, [this]() -> WindowSystem& { return windows(); }) {}
 
     std::string name() const override { return "linux"; }
     // The window system's sentence when it cannot list the windows (no AT-SPI
@@ -100,19 +104,21 @@ public:
     }
     AttributeRead copyAttributeValue(const Element& element, std::string_view attribute) override {
         auto* object = dynamic_cast<const AccessibleElement*>(element.get());
-        if (object && object->topLevel()) {
-            if (attribute == "AXPosition" || attribute == "AXSize") {
-                // The scanned window's frame is read once for its scan.
-                if (scanFrame_ && scanRoot_ && accessibility_.equal(element, scanRoot_))
-                    return frameAttribute(*scanFrame_, attribute);
-                return frameAttribute(frame(element), attribute);
-            }
-            if (attribute == "AXTitle") {
-                AttributeRead read = accessibility_.read(element, attribute);
-                if (auto* name = std::get_if<std::string>(&read.value))
-                    *name = windowTitle(std::move(*name));
-                return read;
-            }
+        bool topLevel = object && object->topLevel();
+        if (topLevel && attribute == "AXTitle") {
+            AttributeRead read = accessibility_.read(element, attribute);
+            if (auto* name = std::get_if<std::string>(&read.value))
+                *name = windowTitle(std::move(*name));
+            return read;
+        }
+        if (windows().windowRelativeExtents())
+            return placement_.place(element, attribute,
+                                    [&] { return accessibility_.read(element, attribute); });
+        if (topLevel && (attribute == "AXPosition" || attribute == "AXSize")) {
+            // The scanned window's frame is read once for its scan.
+            if (scanFrame_ && scanRoot_ && accessibility_.equal(element, scanRoot_))
+                return frameAttribute(*scanFrame_, attribute);
+            return frameAttribute(frame(element), attribute);
         }
         return accessibility_.read(element, attribute);
     }
@@ -127,7 +133,7 @@ public:
     bool equal(const Element& a, const Element& b) override { return accessibility_.equal(a, b); }
     void beginTreeScan(const Element& root) override {
         auto* object = dynamic_cast<const AccessibleElement*>(root.get());
-        if (object && object->topLevel()) {
+        if (object && object->topLevel() && !windows().windowRelativeExtents()) {
             scanRoot_ = root;
             scanFrame_ = frame(root);
         }
@@ -198,12 +204,14 @@ public:
 private:
     // The window system of this session, opened on first use.
     WindowSystem& windows() {
-        if (!windows_)
+        if (!windows_) {
             windows_ = openWindowSystem([this](std::int64_t pid) -> std::unique_ptr<EditorText> {
                 std::optional<ObjectRef> text = accessibility_.focusedText(pid);
                 if (!text) return nullptr;
                 return std::make_unique<AccessibleEditorText>(accessibility_, std::move(*text));
             });
+            accessibility_.setWindowRelativePlacement(windows_->windowRelativeExtents());
+        }
         return *windows_;
     }
 
@@ -238,6 +246,7 @@ private:
     // evidence reads the focused editor through it (also while the X
     // keyboard mapping is restored at the end).
     Accessibility accessibility_;
+    WindowPlacement placement_;
     TextRecognizer recognizer_;
     std::unique_ptr<WindowSystem> windows_;
     // The sentences for what is missing, as last found.

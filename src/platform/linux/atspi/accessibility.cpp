@@ -347,9 +347,11 @@ AttributeRead Accessibility::read(const Element& element, std::string_view attri
     }
 
     // GTK 4 places its elements relative to their window, not on the
-    // screen: no position is better than a wrong one.
+    // screen: no position is better than a wrong one, unless the caller
+    // places them.
     const ObjectRef& ref = target->ref();
-    if ((attribute == "AXPosition" || attribute == "AXSize") && applicationFacts(ref.bus).gtk4)
+    if ((attribute == "AXPosition" || attribute == "AXSize") && !windowRelativePlacement_ &&
+        applicationFacts(ref.bus).gtk4)
         return {kAXErrorNoValue, {}};
 
     bool timedOut = false;

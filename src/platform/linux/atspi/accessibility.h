@@ -67,6 +67,10 @@ public:
     std::optional<TopLevel> topLevel(const Element&);
 
     void setTimeout(float seconds);
+    // Whether the caller places positions given relative to their window
+    // (every native client of a Wayland compositor); GTK 4's are then read
+    // like anyone's instead of refused.
+    void setWindowRelativePlacement(bool placed) { windowRelativePlacement_ = placed; }
     AttributeRead read(const Element&, std::string_view attribute);
     AXError isSettable(const Element&, std::string_view attribute, bool& settable);
     AXError setText(const Element&, std::string_view attribute, const std::string& text);
@@ -133,6 +137,7 @@ private:
     bool connected_ = false;
     bool reachable_ = false;
     int timeoutMs_ = 2000;
+    bool windowRelativePlacement_ = false;
     std::map<std::string, ApplicationFacts> applications_;  // by bus name
     // Direct links by bus name; null where the application offers none.
     std::map<std::string, std::unique_ptr<DirectLink>> links_;
