@@ -28,13 +28,19 @@
  *   quit
  *
  * End of input quits too, so the fixture never outlives its test.
+ *
+ * Under Wayland a window cannot place, iconify or raise itself: there the
+ * fixture asks sway for what moving, iconifying (to sway's scratchpad) and
+ * presenting do under X, with swaymsg.
  */
 #include <gtk/gtk.h>
 #include <gtk/gtk-a11y.h>
+#include <gdk/gdkwayland.h>
 #include <gdk/gdkx.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #define LIST_ROWS 800
 #define GRID_COLUMNS 50
@@ -381,6 +387,29 @@ static void build_main_window(void) {
 
 /* ---- Commands --------------------------------------------------------------- */
 
+static gboolean on_wayland(void) { return GDK_IS_WAYLAND_DISPLAY(gdk_display_get_default()); }
+
+/* Runs a sway command on the main window (this process's window with its
+ * title; on every window of this process when `all`), and waits for it. */
+static void sway_command(gboolean all, const char *command) {
+    GString *criteria = g_string_new(NULL);
+    g_string_printf(criteria, "[pid=%d", (int)getpid());
+    if (!all) {
+        /* The title as a regular expression that matches it alone. */
+        g_string_append(criteria, " title=\"^");
+        for (const char *c = gtk_window_get_title(GTK_WINDOW(main_window)); *c; c++) {
+            if (strchr("\\^$.|?*+()[]{}\"", *c)) g_string_append_c(criteria, '\\');
+            g_string_append_c(criteria, *c);
+        }
+        g_string_append(criteria, "$\"");
+    }
+    g_string_append_printf(criteria, "] %s", command);
+    char *argv[] = {"swaymsg", criteria->str, NULL};
+    g_spawn_sync(NULL, argv, NULL, G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL |
+                 G_SPAWN_STDERR_TO_DEV_NULL, NULL, NULL, NULL, NULL, NULL, NULL);
+    g_string_free(criteria, TRUE);
+}
+
 static void open_second_window(void) {
     if (second_window) return;
     int x, y, width, height;
@@ -406,18 +435,34 @@ static gboolean run_command(char *line) {
     } else if (!strcmp(line, "move")) {
         int dx = 0, dy = 0, x, y;
         sscanf(argument, "%d %d", &dx, &dy);
-        gtk_window_get_position(GTK_WINDOW(main_window), &x, &y);
-        gtk_window_move(GTK_WINDOW(main_window), x + dx, y + dy);
+        if (on_wayland()) {
+            char command[96];
+            snprintf(command, sizeof command, "move %s %d px, move %s %d px", dx < 0 ? "left" : "right",
+                     abs(dx), dy < 0 ? "up" : "down", abs(dy));
+            sway_command(FALSE, command);
+        } else {
+            gtk_window_get_position(GTK_WINDOW(main_window), &x, &y);
+            gtk_window_move(GTK_WINDOW(main_window), x + dx, y + dy);
+        }
     } else if (!strcmp(line, "second")) {
         open_second_window();
     } else if (!strcmp(line, "close-second")) {
         if (second_window) gtk_widget_destroy(second_window);
     } else if (!strcmp(line, "iconify")) {
-        gtk_window_iconify(GTK_WINDOW(main_window));
-        if (second_window) gtk_window_iconify(GTK_WINDOW(second_window));
+        if (on_wayland()) {
+            sway_command(TRUE, "move scratchpad");
+        } else {
+            gtk_window_iconify(GTK_WINDOW(main_window));
+            if (second_window) gtk_window_iconify(GTK_WINDOW(second_window));
+        }
     } else if (!strcmp(line, "present")) {
-        gtk_window_deiconify(GTK_WINDOW(main_window));
-        gtk_window_present(GTK_WINDOW(main_window));
+        if (on_wayland()) {
+            /* Focusing a window in the scratchpad shows it again. */
+            sway_command(FALSE, "focus");
+        } else {
+            gtk_window_deiconify(GTK_WINDOW(main_window));
+            gtk_window_present(GTK_WINDOW(main_window));
+        }
     } else if (!strcmp(line, "label")) {
         gtk_label_set_text(GTK_LABEL(status_label), argument);
     } else if (!strcmp(line, "entry")) {
@@ -438,6 +483,10 @@ static gboolean run_command(char *line) {
         g_usleep((gulong)(atof(argument) * G_USEC_PER_SEC));
         return TRUE;
     } else if (!strcmp(line, "no-ping")) {
+        if (on_wayland()) {
+            say("not under Wayland, which has no pings");
+            return TRUE;
+        }
         Display *display = GDK_DISPLAY_XDISPLAY(gdk_display_get_default());
         Atom protocols[] = {XInternAtom(display, "WM_DELETE_WINDOW", False),
                             XInternAtom(display, "WM_TAKE_FOCUS", False)};

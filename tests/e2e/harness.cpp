@@ -12,10 +12,13 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <random>
 #include <stdexcept>
 #include <thread>
 
+#include "platform/linux/wayland/connection.h"
+#include "platform/linux/wayland/pointer.h"
 #include "process.h"
 #include "unicode/unicode.h"
 
@@ -211,13 +214,42 @@ double centerY(const Json& record) {
     return record["bounds"]["y"].get<double>() + record["bounds"]["height"].get<double>() / 2;
 }
 
+// The standard output of a command, run to its end.
+static std::string output(const std::string& command) {
+    std::string text;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) throw std::runtime_error("popen " + command);
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
+    pclose(pipe);
+    return text;
+}
+
+bool onWayland() {
+    const char* name = std::getenv("WAYLAND_DISPLAY");
+    return name && *name;
+}
+
 void movePointer(int x, int y) {
+    if (onWayland()) {
+        output("swaymsg seat seat0 cursor set " + std::to_string(x) + " " + std::to_string(y));
+        return;
+    }
     Display* x11 = display();
     XWarpPointer(x11, None, DefaultRootWindow(x11), 0, 0, 0, 0, x, y);
     XSync(x11, False);
 }
 
 std::pair<int, int> pointerPosition() {
+    if (onWayland()) {
+        // No Wayland request says where the pointer is: the pointer's entry
+        // into an overlay says it.
+        namespace wayland = linux_backend::wayland;
+        auto connection = wayland::Connection::open();
+        std::optional<Point> at = connection ? wayland::locatePointer(*connection) : std::nullopt;
+        if (!at) return {-1, -1};
+        return {static_cast<int>(at->x), static_cast<int>(at->y)};
+    }
     Display* x11 = display();
     Window root, child;
     int rootX = -1, rootY = -1, windowX, windowY;
@@ -225,6 +257,51 @@ std::pair<int, int> pointerPosition() {
     XQueryPointer(x11, DefaultRootWindow(x11), &root, &child, &rootX, &rootY, &windowX, &windowY,
                   &mask);
     return {rootX, rootY};
+}
+
+Json windowBounds(std::uint32_t windowId) {
+    if (onWayland()) {
+        // sway's tree: the container's rect and the window's within it.
+        std::function<Json(const Json&)> find = [&](const Json& node) -> Json {
+            if (node.value("id", std::int64_t{-1}) == std::int64_t{windowId}) {
+                const Json &rect = node["rect"], &inner = node["window_rect"];
+                return {{"x", rect["x"].get<int>() + inner["x"].get<int>()},
+                        {"y", rect["y"].get<int>() + inner["y"].get<int>()},
+                        {"width", inner["width"]},
+                        {"height", inner["height"]}};
+            }
+            for (const char* key : {"nodes", "floating_nodes"})
+                for (const Json& child : node.value(key, Json::array()))
+                    if (Json found = find(child); !found.is_null()) return found;
+            return nullptr;
+        };
+        return find(Json::parse(output("swaymsg -r -t get_tree"), nullptr, false));
+    }
+    Display* x11 = display();
+    ::Window window = windowId, root, parent, *children;
+    unsigned int count;
+    while (XQueryTree(x11, window, &root, &parent, &children, &count)) {
+        if (children) XFree(children);
+        if (parent == root) break;
+        window = parent;
+    }
+    XWindowAttributes frame;
+    if (!XGetWindowAttributes(x11, window, &frame)) return nullptr;
+    int border = 2 * frame.border_width;
+    return {{"x", frame.x}, {"y", frame.y}, {"width", frame.width + border},
+            {"height", frame.height + border}};
+}
+
+void moveWindow(std::uint32_t windowId, int dx, int dy) {
+    std::string id = std::to_string(windowId);
+    if (onWayland()) {
+        output("swaymsg '[con_id=" + id + "]' move " + (dx < 0 ? "left " : "right ") +
+               std::to_string(std::abs(dx)) + " px, move " + (dy < 0 ? "up " : "down ") +
+               std::to_string(std::abs(dy)) + " px");
+        return;
+    }
+    output("xdotool windowmove --relative " + id + " " + std::to_string(dx) + " " +
+           std::to_string(dy));
 }
 
 std::vector<unsigned long> keyboardMapping() {

@@ -1,6 +1,7 @@
 // What the end-to-end tests drive: the fixture window, the bridge as a child
-// process, and a few direct looks at the X server (the pointer, the keyboard
-// mapping). Runs inside a virtual desktop (scripts/desktop).
+// process, and a few direct looks at the window system (the pointer, the
+// windows, the X keyboard mapping). Runs inside a virtual desktop
+// (scripts/desktop), an X one or, with --wayland, sway.
 #pragma once
 
 #include <sys/types.h>
@@ -85,10 +86,22 @@ Json nodeStartingWith(const Json& observation, const std::string& prefix);
 double centerX(const Json& node);
 double centerY(const Json& node);
 
-// The X server as the tests see it.
+// Whether the session is a Wayland one (sway), not X.
+bool onWayland();
+// The reason a test that only X has is skipped under Wayland.
+inline constexpr char kOnlyX[] = "only X has this; Wayland has no ";
+
+// The window system as the tests see it, by its own tools (X requests, or
+// swaymsg and a pointer probe under sway).
 void movePointer(int x, int y);
 std::pair<int, int> pointerPosition();
-// Every keycode's keysyms, to compare the mapping before and after.
+// The bounds of window `windowId` as the window system has them: under X
+// the window manager's frame around the client window, under sway the
+// window's geometry in its tree.
+Json windowBounds(std::uint32_t windowId);
+// Moves window `windowId` by dx, dy.
+void moveWindow(std::uint32_t windowId, int dx, int dy);
+// Every keycode's keysyms, to compare the X mapping before and after.
 std::vector<unsigned long> keyboardMapping();
 // Whether the root window has the property `name`.
 bool rootHasProperty(const char* name);

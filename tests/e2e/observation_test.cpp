@@ -2,10 +2,6 @@
 // the GTK fixture and a real application in a virtual desktop, and refusing
 // what it must refuse.
 #include <gtest/gtest.h>
-// GoogleTest before Xlib, whose None macro would clash with it.
-// clang-format off
-#include <X11/Xlib.h>
-// clang-format on
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -32,24 +28,11 @@ std::string brief(const Reply& reply) {
     return "status " + std::to_string(reply.status) + ": " + reply.raw.substr(0, 300);
 }
 
-// The scope's bounds are the window manager's frame of its client window as
-// the X server has it: the child of the root that holds the client.
+// The scope's bounds are the window's as the window system has them: under
+// X the window manager's frame of its client window, under sway the
+// window's geometry.
 void expectScopeIsTheFrame(const Json& scope) {
-    Display* display = XOpenDisplay(nullptr);
-    ASSERT_TRUE(display);
-    ::Window window = scope["window_id"].get<unsigned long>(), root, parent, *children;
-    unsigned int count;
-    while (XQueryTree(display, window, &root, &parent, &children, &count)) {
-        if (children) XFree(children);
-        if (parent == root) break;
-        window = parent;
-    }
-    XWindowAttributes frame;
-    XGetWindowAttributes(display, window, &frame);
-    XCloseDisplay(display);
-    int border = 2 * frame.border_width;
-    EXPECT_EQ(scope["bounds"], Json({{"x", frame.x}, {"y", frame.y}, {"width", frame.width + border},
-                                     {"height", frame.height + border}}));
+    EXPECT_EQ(scope["bounds"], windowBounds(scope["window_id"].get<std::uint32_t>()));
 }
 
 bool inside(const Json& inner, const Json& outer) {
@@ -238,28 +221,36 @@ int dbusProcesses() {
 }
 
 // What each environment lets the bridge find, and that it never starts a
-// bus to find it: the whole session; the display alone, whose root window
-// names the accessibility bus; and no desktop at all, with a session bus
+// bus to find it: the whole session; the display alone, whose X root window
+// names the accessibility bus (a Wayland display names none, but still
+// offers its window images); and no desktop at all, with a session bus
 // address that would make libdbus launch one.
 TEST_F(Observation, EachEnvironmentFindsWhatItCanAndStartsNothing) {
-    const char* display = getenv("DISPLAY");
-    ASSERT_TRUE(display);
     const std::vector<std::string> none{"DBUS_SESSION_BUS_ADDRESS=autolaunch:"};
-    struct {
+    struct Case {
         const char* name;
         std::optional<std::vector<std::string>> environment;  // nullopt: this session's
         const char* operation;
         std::string answer;  // a part of the answer
-    } cases[] = {
+    };
+    std::vector<Case> cases = {
         {"session", std::nullopt, "capabilities",
          R"("accessibility":true,"clipboard_free_input":true,"platform":"linux","screen_capture":true)"},
-        {"display_alone", std::vector<std::string>{std::string("DISPLAY=") + display}, "context",
-         R"("window":"Quorvel Fixture")"},
         {"no_desktop", none, "capabilities",
          R"({"ok":true,"result":{"accessibility":false,"clipboard_free_input":true,)"
          R"("platform":"linux","screen_capture":false,"version":1}})"},
         {"no_desktop", none, "observe", std::string(R"({"ok":false,"error":")") + kNoAccessibility + "\"}"},
     };
+    if (onWayland()) {
+        std::vector<std::string> display{std::string("WAYLAND_DISPLAY=") + getenv("WAYLAND_DISPLAY"),
+                                         std::string("XDG_RUNTIME_DIR=") + getenv("XDG_RUNTIME_DIR")};
+        cases.push_back({"display_alone", display, "capabilities",
+                         R"("accessibility":false,"clipboard_free_input":true,"platform":"linux","screen_capture":true)"});
+    } else {
+        cases.push_back({"display_alone",
+                         std::vector<std::string>{std::string("DISPLAY=") + getenv("DISPLAY")},
+                         "context", R"("window":"Quorvel Fixture")"});
+    }
     for (const auto& c : cases) {
         int before = dbusProcesses();
         std::string text = request(c.operation).dump();
