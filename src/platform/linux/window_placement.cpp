@@ -31,7 +31,11 @@ void WindowPlacement::settle() {
         return;
     }
     std::optional<Accessibility::TopLevel> facts = accessibility_.topLevel(topLevel_);
-    if (!facts || !facts->extents || facts->name != window->title) return;
+    // A toolkit that names no window (GTK 3 with a header bar) says nothing
+    // against it; a name of another window does.
+    if (!facts || !facts->extents || (facts->name && !facts->name->empty() &&
+                                      *facts->name != window->title))
+        return;
     const Extents& e = *facts->extents;
     Rect topLevel{static_cast<double>(e.x), static_cast<double>(e.y),
                   static_cast<double>(e.width), static_cast<double>(e.height)};

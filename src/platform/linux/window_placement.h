@@ -9,7 +9,7 @@
 // when both sources agree that it is that window: the compositor's focused
 // window belongs to the process whose accessibility application it is (the
 // application is looked up by that process), the top-level is ACTIVE, and
-// its accessible name is the window's title. Its size stays the toolkit's
+// its accessible name, when it has one, is the window's title. Its size stays the toolkit's
 // own, which the core compares with the compositor's. When they do not
 // agree, no element of the window has a position.
 #pragma once
