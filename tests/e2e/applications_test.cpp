@@ -353,6 +353,7 @@ protected:
 };
 
 TEST_P(Applications, AreObservedAndOperated) {
+    if (onWayland()) GTEST_SKIP() << kOnlyX << "frame window or _NET_ACTIVE_WINDOW to check against";
     const Application& app = GetParam();
     // The documents, written afresh.
     std::string folder = sessionDirectory() + "/documents";
