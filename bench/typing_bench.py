@@ -125,6 +125,8 @@ def main():
     parser.add_argument("--clicks", type=int, default=21)
     parser.add_argument("--length", type=int, default=1000)
     parser.add_argument("--line", type=int, default=60, help="characters per line")
+    parser.add_argument("--reference", choices=("xdotool", "wtype"), default="xdotool",
+                        help="the typing tool to compare with: xdotool on X, wtype on Wayland")
     args = parser.parse_args()
 
     text = mixed_text(args.length, args.line, seed=2024)
@@ -153,16 +155,23 @@ def main():
         ours_right += value == text
         print(f"  bridge: {elapsed:.3f} s, {agreement(value, text)}/{len(text)} characters right")
 
-    # xdotool at its default delay, on the same text, the same way.
+    # The reference tool at its default settings, on the same text, the
+    # same way: xdotool with its delay, or wtype, which waits for the
+    # compositor and sleeps two milliseconds after each press and release.
     with tempfile.NamedTemporaryFile("w", suffix=".txt", encoding="utf-8", delete=False) as file:
         file.write(text)
+    tool = args.reference
     fresh_notes(fixture)
     start = time.perf_counter()
-    subprocess.run(["xdotool", "type", "--file", file.name], check=True)
-    xdotool = time.perf_counter() - start
+    if tool == "wtype":
+        with open(file.name, "rb") as source:
+            subprocess.run(["wtype", "-"], stdin=source, check=True)
+    else:
+        subprocess.run(["xdotool", "type", "--file", file.name], check=True)
+    reference = time.perf_counter() - start
     value = settled_notes(bridge, text)
-    xdotool_right = agreement(value, text)
-    print(f"  xdotool: {xdotool:.3f} s, {xdotool_right}/{len(text)} characters right, "
+    reference_right = agreement(value, text)
+    print(f"  {tool}: {reference:.3f} s, {reference_right}/{len(text)} characters right, "
           f"{len(value)} typed, exact: {'yes' if value == text else 'no'}")
 
     # One whole-process click on the Increment button.
@@ -188,10 +197,10 @@ def main():
     print()
     print(f"typing, bridge:  median {median:.3f} s of {args.runs}, "
           f"{ours_right}/{args.runs} runs 100% correct")
-    print(f"typing, xdotool: {xdotool:.3f} s, "
-          f"{100.0 * xdotool_right / len(text):.1f}% of characters arrived in order, "
+    print(f"typing, {tool}: {reference:.3f} s, "
+          f"{100.0 * reference_right / len(text):.1f}% of characters arrived in order, "
           f"{'100% correct' if value == text else 'not correct'}")
-    print(f"ratio xdotool / bridge: {xdotool / median:.1f}x (target at least 10x)")
+    print(f"ratio {tool} / bridge: {reference / median:.1f}x (target at least 10x)")
     print(f"click: median {1000 * statistics.median(clicks):.1f} ms of {args.clicks} "
           f"(min {1000 * min(clicks):.1f}, max {1000 * max(clicks):.1f})")
     return 0 if ours_right == args.runs else 1

@@ -38,7 +38,7 @@ std::string keymapText(const std::vector<Keysym>& keysyms) {
     char name[64];
     auto key = [&](std::uint32_t keycode, Keysym keysym) {
         if (xkb_keysym_get_name(keysym, name, sizeof name) < 0) name[0] = '\0';
-        text += " key <K" + std::to_string(keycode) + "> { type = \"ONE_LEVEL\", symbols[Group1] = [ " +
+        text += " key <K" + std::to_string(keycode) + "> { repeat = false, type = \"ONE_LEVEL\", symbols[Group1] = [ " +
                 (name[0] ? name : "NoSymbol") + " ] };\n";
     };
     for (size_t i = 0; i < keysyms.size(); ++i)
