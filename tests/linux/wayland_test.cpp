@@ -155,7 +155,8 @@ std::unique_ptr<xkb_keymap, KeymapDeleter> compile(const std::string& text) {
 }
 
 // Every character is on its own key at the only level, so it is typed as
-// itself with no modifier; Control and Alt are real modifiers.
+// itself with no modifier, and no key repeats; Control and Alt are real
+// modifiers.
 TEST(Keymap, TypesEachCharacterAsItselfAndHoldsControlAndAlt) {
     std::u32string text = U"aA\u00e9\u20ac\u6f22\U0001F600\u0301 \n\t";
     std::vector<Keysym> keysyms = keysymsAhead(text);
@@ -163,10 +164,12 @@ TEST(Keymap, TypesEachCharacterAsItselfAndHoldsControlAndAlt) {
     auto keymap = compile(keymapText(keysyms));
     ASSERT_TRUE(keymap);
     xkb_state* state = xkb_state_new(keymap.get());
-    for (size_t i = 0; i < keysyms.size(); ++i)
-        EXPECT_EQ(xkb_state_key_get_one_sym(state, kFirstKeycode + static_cast<std::uint32_t>(i)),
-                  keysyms[i])
-            << i;
+    for (size_t i = 0; i < keysyms.size(); ++i) {
+        std::uint32_t keycode = kFirstKeycode + static_cast<std::uint32_t>(i);
+        EXPECT_EQ(xkb_state_key_get_one_sym(state, keycode), keysyms[i]) << i;
+        // A press that an application handles late never types twice.
+        EXPECT_EQ(xkb_keymap_key_repeats(keymap.get(), keycode), 0) << i;
+    }
     EXPECT_EQ(keysyms[1], static_cast<Keysym>(XKB_KEY_A));
     EXPECT_EQ(keysyms[8], static_cast<Keysym>(XKB_KEY_Return));
     EXPECT_EQ(keysyms[9], static_cast<Keysym>(XKB_KEY_Tab));
