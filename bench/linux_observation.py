@@ -158,6 +158,11 @@ def main():
         # find them made.
         bridge(args.build, "context")
         pyatspi_walk()
+        context = subprocess.run([os.path.join(args.build, "quorvel-bridge")],
+                                 input=b'{"version":1,"operation":"context"}',
+                                 stdout=subprocess.PIPE).stdout
+        bounds = json.loads(context)["result"]["scope"]["bounds"]
+        size = "%dx%d" % (bounds["width"], bounds["height"])
 
         png = os.path.join(os.environ.get("XDG_RUNTIME_DIR", "/tmp"), "fixture-window.png")
         subprocess.run([os.path.join(tools, "quorvel-window-image"), "png", png], check=True,
@@ -184,8 +189,9 @@ def main():
     context_ratio = ms["pyatspi"] / ms["context"]
     observe_ratio = ms["tesseract"] / ms["observe"]
     verdict = lambda ok: "met" if ok else "MISSED"
-    print("Linux observation benchmark: fixture window 1282x825, %d runs each, median, "
-          "load average %.1f" % (args.runs, os.getloadavg()[0]))
+    desktop = "sway" if os.environ.get("WAYLAND_DISPLAY") else "X"
+    print("Linux observation benchmark on %s: fixture window %s, %d runs each, median, "
+          "load average %.1f" % (desktop, size, args.runs, os.getloadavg()[0]))
     print("  context, bridge               %8.1f ms" % ms["context"])
     print("  pyatspi walk, 1200 elements   %8.1f ms" % ms["pyatspi"])
     print("    bridge faster by            %8.2fx   (target 5x: %s)"
