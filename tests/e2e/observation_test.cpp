@@ -3,12 +3,14 @@
 // what it must refuse.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 #include <sys/wait.h>
 
 #include <cstdio>
 #include <optional>
 #include <regex>
 #include <set>
+#include <thread>
 
 #include "harness.h"
 #include "process.h"
@@ -259,6 +261,36 @@ TEST_F(Observation, EachEnvironmentFindsWhatItCanAndStartsNothing) {
         EXPECT_NE(out.find(c.answer), std::string::npos) << c.name << ": " << out.substr(0, 300);
         EXPECT_EQ(dbusProcesses(), before) << c.name;
     }
+}
+
+// A Wayland compositor that offers other programs neither a window list nor
+// screen capture (Weston, as GNOME's and KDE's do not either): the bridge
+// takes the Wayland session for what it is, even with an X display beside
+// it (Xwayland's, there), says what it cannot do, and tells the user what
+// to do instead.
+TEST(LesserCompositor, IsReportedTruthfullyAndRefusedWithWhatToDo) {
+    std::string socket = "quorvel-weston-" + std::to_string(getpid());
+    pid_t weston = spawn({"weston", "--backend=headless-backend.so", "--socket=" + socket,
+                          "--idle-time=0"});
+    std::string path = std::string(getenv("XDG_RUNTIME_DIR")) + "/" + socket;
+    for (int i = 0; i < 100 && access(path.c_str(), F_OK) != 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::vector<std::string> environment = {
+        "WAYLAND_DISPLAY=" + socket, std::string("XDG_RUNTIME_DIR=") + getenv("XDG_RUNTIME_DIR"),
+        std::string("DBUS_SESSION_BUS_ADDRESS=") + getenv("DBUS_SESSION_BUS_ADDRESS"),
+        "DISPLAY=:0"};
+    std::string capabilities = testing::runBridge(request("capabilities").dump(), environment).out;
+    testing::ProcessResult observed = testing::runBridge(request("observe").dump(), environment);
+    kill(weston, SIGTERM);
+    waitpid(weston, nullptr, 0);
+    EXPECT_EQ(capabilities,
+              R"({"ok":true,"result":{"accessibility":false,"clipboard_free_input":true,)"
+              R"("platform":"linux","screen_capture":false,"version":1}})");
+    EXPECT_EQ(observed.status, 1);
+    EXPECT_EQ(Json::parse(observed.out, nullptr, false).value("error", ""),
+              "This Wayland compositor tells no other program which window is in front (it "
+              "offers no sway IPC); run the bridge in a sway session, or in an X11 session, then "
+              "retry.");
 }
 
 // An application from Debian that this project did not write.
