@@ -13,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,6 +27,7 @@ struct Editor {
     const char* name;
     std::vector<std::string> argv;  // the file's path is added
 };
+void PrintTo(const Editor& editor, std::ostream* out) { *out << editor.name; }
 
 // The position of the first vertical scroll bar in process `pid`'s active
 // window, as the application reports it over AT-SPI (libatspi, not the
