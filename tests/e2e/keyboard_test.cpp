@@ -48,6 +48,7 @@ protected:
 // distinct characters than spare keys, keys are reassigned while typing, so
 // the kill finds them holding whatever they were given last.
 TEST_P(EndedWhileTyping, TheMappingIsAsFoundOnceTheNextBridgeHasRun) {
+    if (onWayland()) GTEST_SKIP() << kOnlyX << "shared keyboard mapping to borrow keys from";
     const Ending& ending = GetParam();
     std::vector<unsigned long> mapping = keyboardMapping();
     ASSERT_FALSE(rootHasProperty(kRecord));
@@ -89,7 +90,12 @@ INSTANTIATE_TEST_SUITE_P(
 // editor before its own guard read the value. Never is a character wrong.
 TEST(TwoBridges, TypingAtOnceTakeTurnsAndNeverMixTheirCharacters) {
     Fixture fixture;
-    std::vector<unsigned long> mapping = keyboardMapping();
+    // Under X the texts borrow spare keys of the shared mapping; on Wayland
+    // each bridge has a keyboard of its own, and only the claim keeps them
+    // from typing into the editor at once.
+    const bool x = !onWayland();
+    std::vector<unsigned long> mapping;
+    if (x) mapping = keyboardMapping();
     fixture.command("focus notes");
     int bothTyped = 0, busy = 0, changed = 0;
     for (unsigned round = 0; round < 20; ++round) {
@@ -134,8 +140,10 @@ TEST(TwoBridges, TypingAtOnceTakeTurnsAndNeverMixTheirCharacters) {
     // The rounds where both typed are the ones where the keyboard was taken
     // in turn.
     EXPECT_GT(bothTyped, 0);
-    EXPECT_EQ(keyboardMapping(), mapping);
-    EXPECT_FALSE(rootHasProperty(kRecord));
+    if (x) {
+        EXPECT_EQ(keyboardMapping(), mapping);
+        EXPECT_FALSE(rootHasProperty(kRecord));
+    }
 }
 
 }  // namespace

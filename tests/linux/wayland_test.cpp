@@ -1,14 +1,19 @@
 // The Wayland side's rules that need no compositor: sway's tree as a window
 // list front to back, the placing of a client's elements, the keymaps typing
-// uploads, and the copying of a screencopy frame into the hashed layout.
+// uploads, one typist at a time, and the copying of a screencopy frame into the hashed layout.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <xkbcommon/xkbcommon-keysyms.h>
 #include <xkbcommon/xkbcommon.h>
 
+#include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "platform/linux/wayland/keyboard.h"
 #include "platform/linux/wayland/keymap.h"
 #include "platform/linux/wayland/screencopy.h"
 #include "platform/linux/wayland/sway_ipc.h"
@@ -227,6 +232,23 @@ TEST(ScreencopyFrame, BecomesRowsOfBlueGreenRedOpaque) {
         copyFrame(c.data.data(), c.layout, pixels, c.x, c.y);
         EXPECT_EQ(pixels.bgra, c.bgra) << c.label;
     }
+}
+
+// Two bridges in one session open the lock file apart, as two processes
+// would; the second gets it only once the first lets go.
+TEST(TypingClaim, OneOpenFileHoldsItUntilClosed) {
+    char path[] = "/tmp/quorvel-claim-XXXXXX";
+    int first = mkstemp(path);
+    ASSERT_GE(first, 0);
+    int second = open(path, O_RDWR | O_CLOEXEC);
+    ASSERT_GE(second, 0);
+    unlink(path);
+
+    EXPECT_TRUE(lockWithin(first, std::chrono::milliseconds(0)));
+    EXPECT_FALSE(lockWithin(second, std::chrono::milliseconds(60)));
+    close(first);
+    EXPECT_TRUE(lockWithin(second, std::chrono::milliseconds(0)));
+    close(second);
 }
 
 }  // namespace

@@ -165,7 +165,7 @@ std::optional<std::string> XInput::prepareText(std::string_view utf8) {
     if (!connect()) return std::nullopt;
     typist_->honourTermination();
     if (!typist_->prepare(scalars(utf8)))
-        return "Another bridge is typing on this desktop. Retry when it has finished.";
+        return kAnotherBridgeTyping;
     return std::nullopt;
 }
 

@@ -50,6 +50,10 @@ struct Chord {
 };
 std::optional<Chord> chordFor(std::uint16_t virtualKey, EventFlags flags);
 
+// The refusal of a text while another bridge keeps the keyboard.
+inline constexpr char kAnotherBridgeTyping[] =
+    "Another bridge is typing on this desktop. Retry when it has finished.";
+
 class XInput {
 public:
     // `focusedText` reads the focused editor, to learn that the application

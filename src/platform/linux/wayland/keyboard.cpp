@@ -1,9 +1,13 @@
 #include "platform/linux/wayland/keyboard.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <string>
 #include <thread>
 
 #include "platform/linux/wayland/connection.h"
@@ -32,6 +36,7 @@ Keyboard::Keyboard(Connection& connection, FocusedText focusedText,
       focusedPid_(std::move(focusedPid)) {}
 
 Keyboard::~Keyboard() {
+    if (claim_ >= 0) close(claim_);
     if (!keyboard_) return;
     release();
     zwp_virtual_keyboard_v1_destroy(keyboard_);
@@ -117,6 +122,31 @@ void Keyboard::release() {
     held_.clear();
     modifiers(0);
     connection_.flush();
+}
+
+bool lockWithin(int fd, std::chrono::milliseconds patience) {
+    auto deadline = std::chrono::steady_clock::now() + patience;
+    for (;;) {
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+bool Keyboard::claim(std::chrono::milliseconds patience) {
+    if (claim_ >= 0) return true;
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    std::optional<pid_t> compositor = connection_.compositorPid();
+    if (!runtime || !*runtime || !compositor) return true;
+    std::string path = std::string(runtime) + "/quorvel-typist." + std::to_string(*compositor) + ".lock";
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) return true;
+    if (!lockWithin(fd, patience)) {
+        close(fd);
+        return false;
+    }
+    claim_ = fd;
+    return true;
 }
 
 void Keyboard::prepare(std::u32string_view text) {

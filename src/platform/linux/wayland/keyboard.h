@@ -39,6 +39,12 @@ class Connection;
 // survived 3000 at once and was disconnected at 5000.
 inline constexpr size_t kCharactersInFlight = 1000;
 
+// Locks the open file `fd` for itself, waiting at most `patience` while
+// another open file of it holds the lock; false when it stayed the other's.
+// The kernel lets go of the lock when the file is closed, however the
+// process ends.
+bool lockWithin(int fd, std::chrono::milliseconds patience);
+
 class Keyboard {
 public:
     // `focusedText` and `focusedPid` find the editor whose text shows that
@@ -55,6 +61,14 @@ public:
     // no virtual keyboards (or has no seat).
     bool available();
 
+    // Takes the typing claim of this compositor's session, waiting at most
+    // `patience` for another bridge to let go of it; false when it stayed
+    // the other's. Two bridges typing at once would interleave their keys
+    // in the one focused editor. The claim is a lock on a file in the
+    // session's runtime directory, which the kernel lets go of when the
+    // process ends, however it ends; without a runtime directory there is
+    // no one to share with, and no claim.
+    bool claim(std::chrono::milliseconds patience);
     // The text about to be typed, chunk by chunk: keymaps are planned from it.
     void prepare(std::u32string_view text);
     // Presses and releases the key of every character, in order; a
@@ -78,6 +92,7 @@ private:
     std::function<std::optional<std::int64_t>()> focusedPid_;
     zwp_virtual_keyboard_v1* keyboard_ = nullptr;
     bool tried_ = false;
+    int claim_ = -1;  // the locked file, while the claim is held
 
     std::vector<Keysym> keymap_;  // the keymap in force, by keycode from kFirstKeycode
     std::unordered_map<Keysym, std::uint32_t> keycodes_;

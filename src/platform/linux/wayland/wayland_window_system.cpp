@@ -36,6 +36,9 @@ struct InputEvent final : EventObject {
 
 InputEvent* ours(EventObject& event) { return dynamic_cast<InputEvent*>(&event); }
 
+// How long a text waits for another bridge to finish typing, as on X.
+constexpr std::chrono::seconds kClaimPatience{5};
+
 class WaylandWindowSystem final : public WindowSystem {
 public:
     WaylandWindowSystem(std::unique_ptr<Connection> connection, FocusedText focusedText)
@@ -134,8 +137,13 @@ public:
     // Toolkits count a second press on the same spot within their
     // double-click time as a double click, as on X.
     void setIntegerValueField(EventObject&, EventField, std::int64_t) override {}
-    void prepareText(std::string_view utf8) override {
-        if (keyboard_.available()) keyboard_.prepare(scalars(utf8));
+    std::optional<std::string> prepareText(std::string_view utf8) override {
+        // Without a keyboard the text events cannot be made, which the core
+        // reports as such.
+        if (!keyboard_.available()) return std::nullopt;
+        if (!keyboard_.claim(kClaimPatience)) return kAnotherBridgeTyping;
+        keyboard_.prepare(scalars(utf8));
+        return std::nullopt;
     }
 
     void post(EventTap, EventObject& object) override {
