@@ -6,6 +6,7 @@
 
 #include <atspi/atspi-constants.h>
 
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,10 +24,18 @@ StateBits states(std::initializer_list<int> list) {
     return bits;
 }
 
-std::string text(const std::optional<Rect>& r) {
-    if (!r) return "none";
-    auto n = [](double v) { return std::to_string(static_cast<long>(v)); };
-    return n(r->x) + "," + n(r->y) + " " + n(r->width) + "x" + n(r->height);
+std::string number(double v) {
+    char out[32];
+    std::snprintf(out, sizeof out, "%g", v);
+    return out;
+}
+
+std::string text(const std::optional<ScreenFrame>& f) {
+    if (!f) return "none";
+    const Rect& r = f->frame;
+    std::string rect = number(r.x) + "," + number(r.y) + " " + number(r.width) + "x" +
+                       number(r.height);
+    return f->scale == 1 ? rect : rect + " @" + number(f->scale);
 }
 
 // One window of process 7: client rectangle C, window manager frame insets.
@@ -114,6 +123,56 @@ TEST(WindowIdentity, AWindowWithoutPositionNeedsEveryPieceOfEvidence) {
     for (const auto& c : cases) {
         TopLevelFacts facts{c.extents, c.title, c.active, c.pid, true};
         EXPECT_EQ(text(accessibilityFrame(facts, {c.windows, c.active_window})), c.frame) << c.name;
+    }
+}
+
+// A toolkit that scales its windows reports its logical pixels: the scale
+// is taken only where it makes AT-SPI's rectangle meet X's as closely as an
+// unscaled one must. The first cases are what GTK 3 (GDK_SCALE=2, a zenity
+// dialog) and Qt 5 (featherpad, QT_SCALE_FACTOR) reported under openbox.
+TEST(WindowIdentity, AScaleIsTakenOnlyWhereItMakesBothSidesAgree) {
+    const ClientWindow undecorated = window(31, {100, 100, 800, 600}, {});
+    struct {
+        const char* name;
+        Extents extents;
+        std::vector<ClientWindow> windows;
+        std::string frame;
+    } cases[] = {
+        {"gtk3_frame_at_2", {358, 189, 244, 174}, {window(11, {717, 398, 486, 322}, kDecorated)},
+         "716,378 488x348 @2"},
+        {"qt_client_area_at_1.25", {418, 188, 700, 500},
+         {window(11, {522, 235, 875, 625}, kDecorated)}, "521.5,215 877x650 @1.25"},
+        {"qt_client_area_at_1.5", {290, 115, 700, 500},
+         {window(11, {435, 172, 1050, 750}, kDecorated)}, "434,152.5 1052x775 @1.5"},
+        {"qt_client_area_at_2", {130, 24, 700, 500},
+         {window(11, {260, 47, 1400, 1000}, kDecorated)}, "259,28 1402x1025 @2"},
+        {"client_side_decorations_at_2", {50, 50, 400, 300}, {undecorated}, "100,100 800x600 @2"},
+        {"below_one", {125, 125, 1000, 750}, {undecorated}, "100,100 800x600 @0.8"},
+        // A scale that is no multiple of 1/40 is the ratio itself.
+        {"a_third_more", {100, 100, 700, 500}, {window(11, {133, 133, 931, 665}, {})},
+         "133,133 931x665 @1.33"},
+        {"just_within", {50, 50, 400, 300}, {window(31, {101.9, 100, 800, 600}, {})},
+         "100,100 800x600 @2"},
+        // The window it meets decides, not the first of the process.
+        {"second_window", {50, 50, 400, 300}, {window(11, {0, 0, 300, 200}, {}), undecorated},
+         "100,100 800x600 @2"},
+        // A window met unscaled is never scaled, even when another window
+        // would agree at some scale.
+        {"unscaled_first", {50, 50, 400, 300},
+         {window(11, {50, 50, 400, 300}, {}), undecorated}, "50,50 400x300"},
+        // Refused: E stays as it is, and the match refuses it.
+        {"just_outside", {51, 50, 400, 300}, {undecorated}, "51,50 400x300"},
+        {"sizes_agree_position_not", {10, 10, 400, 300}, {undecorated}, "10,10 400x300"},
+        {"other_shape", {50, 50, 400, 400}, {undecorated}, "50,50 400x400"},
+        {"beyond_the_largest_scale", {20, 20, 160, 120}, {undecorated}, "20,20 160x120"},
+        {"other_process", {50, 50, 400, 300}, {window(31, {100, 100, 800, 600}, {}, "Doc", 8)},
+         "50,50 400x300"},
+        {"no_area", {50, 50, 0, 0}, {undecorated}, "50,50 0x0"},
+    };
+    for (const auto& c : cases) {
+        TopLevelFacts facts{c.extents, "Doc", true, 7, false};
+        EXPECT_EQ(text(accessibilityFrame(facts, {c.windows, c.windows.front().id})), c.frame)
+            << c.name;
     }
 }
 

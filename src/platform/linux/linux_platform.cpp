@@ -3,12 +3,15 @@
 // window, the window list, window images and input: the X server, or a
 // Wayland compositor. The window system is chosen when the desktop is first
 // needed, and this class forwards to it one for one. What a top-level's
-// frame and title mean on X is decided where both sides meet
-// (window_identity.h); where clients place their elements relative to their
-// own windows, the positions meet the window list in WindowPlacement.
+// frame and title mean on X, and the scale of an application that scales
+// its windows, are decided where both sides meet (window_identity.h);
+// where clients place their elements relative to their own windows, the
+// positions meet the window list in WindowPlacement.
 #include <atspi/atspi-constants.h>
 
 #include <chrono>
+#include <map>
+#include <string>
 #include <thread>
 #include <variant>
 
@@ -120,7 +123,10 @@ public:
                 return frameAttribute(*scanFrame_, attribute);
             return frameAttribute(frame(element), attribute);
         }
-        return accessibility_.read(element, attribute);
+        AttributeRead read = accessibility_.read(element, attribute);
+        if (object && (attribute == "AXPosition" || attribute == "AXSize"))
+            toScreen(read.value, scaleOf(*object));
+        return read;
     }
     AXError isAttributeSettable(const Element& element, std::string_view attribute,
                                 bool& settable) override {
@@ -219,7 +225,7 @@ private:
 
     // A top-level's frame: the whole window, as the window list has it
     // (window_identity.h), from both sides read afresh; an error code when
-    // there is none.
+    // there is none. The scale found with it becomes its application's.
     using Frame = std::variant<Rect, AXError>;
     Frame frame(const Element& element) {
         std::optional<Accessibility::TopLevel> top = accessibility_.topLevel(element);
@@ -231,9 +237,24 @@ private:
         facts.active = top->states && hasState(*top->states, ATSPI_STATE_ACTIVE);
         facts.pid = top->pid.value_or(-1);
         facts.relativeCoordinates = top->relativeCoordinates;
-        std::optional<Rect> rect = accessibilityFrame(facts, *clients);
-        if (!rect) return kAXErrorNoValue;
-        return *rect;
+        std::optional<ScreenFrame> screen = accessibilityFrame(facts, *clients);
+        if (!screen) return kAXErrorNoValue;
+        if (auto* object = dynamic_cast<const AccessibleElement*>(element.get()))
+            scales_[object->ref().bus] = screen->scale;
+        return screen->frame;
+    }
+    // The scale of the element's application, as its window's frame last
+    // found it: every request frames the foreground window before it reads
+    // anything inside it. An application whose window was not framed is
+    // taken as unscaled.
+    double scaleOf(const AccessibleElement& element) const {
+        auto known = scales_.find(element.ref().bus);
+        return known == scales_.end() ? 1 : known->second;
+    }
+    static void toScreen(Value& value, double scale) {
+        if (auto* point = std::get_if<Point>(&value)) *point = Point{point->x * scale, point->y * scale};
+        if (auto* size = std::get_if<Size>(&value))
+            *size = Size{size->width * scale, size->height * scale};
     }
     static AttributeRead frameAttribute(const Frame& frame, std::string_view attribute) {
         const Rect* rect = std::get_if<Rect>(&frame);
@@ -253,6 +274,8 @@ private:
     std::optional<std::string> windowsUnavailable_;
     std::string captureUnavailable_;
     bool flagChecked_ = false;
+    // The scale of each application whose window was framed, by bus name.
+    std::map<std::string, double> scales_;
     // The scanned window and its frame, for the one scan of the request.
     Element scanRoot_;
     std::optional<Frame> scanFrame_;

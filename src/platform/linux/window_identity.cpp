@@ -32,6 +32,49 @@ bool fitsWithinMargins(double inner, double outer) {
     return inner > 0 && inner <= outer && outer - inner <= 2 * kMaxClientSideMargin;
 }
 
+Rect scaled(const Rect& r, double s) { return Rect{r.x * s, r.y * s, r.width * s, r.height * s}; }
+
+// The scale that takes `reported` to `target`, if one does within
+// kScaleAgreement. The ratio of the sizes is rounded to a multiple of 1/40
+// first (it holds 1.25, 1.5, 2 and every eighth and twentieth), since a
+// toolkit rounds its logical sizes and the ratio of two rounded sizes is a
+// little off, which multiplies across the screen; the ratio itself serves
+// for a scale that is no such multiple.
+std::optional<double> scaleBetween(const Rect& reported, const Rect& target) {
+    double sizes = reported.width + reported.height;
+    if (!(reported.width > 0 && reported.height > 0)) return std::nullopt;
+    double ratio = (target.width + target.height) / sizes;
+    if (!(ratio >= kMinScale && ratio <= kMaxScale)) return std::nullopt;
+    for (double s : {std::round(ratio * 40) / 40, ratio})
+        if (distance(scaled(reported, s), target) < kScaleAgreement) return s;
+    return std::nullopt;
+}
+
+// The scaled frame of a top-level that meets no window of its process
+// unscaled: the scale that makes it meet one window's frame or client
+// rectangle most closely.
+std::optional<ScreenFrame> scaledFrame(const Rect& reported, std::int64_t pid,
+                                       const ClientWindows& clients) {
+    std::optional<ScreenFrame> best;
+    double nearest = std::numeric_limits<double>::infinity();
+    auto consider = [&](const Rect& target, const Insets& growth) {
+        std::optional<double> s = scaleBetween(reported, target);
+        if (!s) return;
+        Rect frame = grown(scaled(reported, *s), growth);
+        double d = distance(scaled(reported, *s), target);
+        if (d < nearest) {
+            nearest = d;
+            best = ScreenFrame{frame, *s};
+        }
+    };
+    for (const ClientWindow& window : clients.windows) {
+        if (!ofProcess(window, pid)) continue;
+        consider(framed(window), Insets{});
+        if (window.frame != Insets{}) consider(window.client, window.frame);
+    }
+    return best;
+}
+
 std::optional<Rect> withoutPosition(const TopLevelFacts& facts, const ClientWindows& clients) {
     if (!facts.active || facts.name.empty()) return std::nullopt;
     const ClientWindow* named = nullptr;
@@ -49,8 +92,13 @@ std::optional<Rect> withoutPosition(const TopLevelFacts& facts, const ClientWind
 
 }  // namespace
 
-std::optional<Rect> accessibilityFrame(const TopLevelFacts& facts, const ClientWindows& clients) {
-    if (facts.relativeCoordinates) return withoutPosition(facts, clients);
+std::optional<ScreenFrame> accessibilityFrame(const TopLevelFacts& facts,
+                                              const ClientWindows& clients) {
+    if (facts.relativeCoordinates) {
+        std::optional<Rect> frame = withoutPosition(facts, clients);
+        if (!frame) return std::nullopt;
+        return ScreenFrame{*frame};
+    }
     if (!facts.extents) return std::nullopt;
     Rect reported = rectOf(*facts.extents);
 
@@ -69,8 +117,12 @@ std::optional<Rect> accessibilityFrame(const TopLevelFacts& facts, const ClientW
             client = &window;
         }
     }
-    if (client && nearestClient < nearestFrame) return grown(reported, client->frame);
-    return reported;
+    // A scale is looked for only where E meets no window as it is.
+    if (std::min(nearestClient, nearestFrame) >= kScaleAgreement)
+        if (std::optional<ScreenFrame> frame = scaledFrame(reported, facts.pid, clients))
+            return frame;
+    if (client && nearestClient < nearestFrame) return ScreenFrame{grown(reported, client->frame)};
+    return ScreenFrame{reported};
 }
 
 std::string windowTitle(std::string name) {

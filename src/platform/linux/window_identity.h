@@ -18,6 +18,14 @@
 // accessibility frame, except for GTK 4, which gives no position at all;
 // there the frame comes from X only once both sources agree on every piece
 // of evidence that remains (see accessibilityFrame).
+//
+// A toolkit that scales its windows reports all of the above in its own
+// logical pixels, while X (the window list, the window image, XTest) counts
+// screen pixels: GTK 3 with GDK_SCALE (whole numbers only) reports E = F / s,
+// Qt 5 with QT_SCALE_FACTOR or QT_SCREEN_SCALE_FACTORS (fractions too)
+// E = C / s, positions included, both about the screen's origin. The scale
+// s belongs to the application: everything its AT-SPI side reports is
+// multiplied by it, so that the core sees one space.
 #pragma once
 
 #include <cstdint>
@@ -42,6 +50,22 @@ struct TopLevelFacts {
     bool relativeCoordinates = false;
 };
 
+// What a top-level's frame is in screen pixels, and the factor that takes
+// every rectangle and point of its application from what AT-SPI reports to
+// screen pixels.
+struct ScreenFrame {
+    Rect frame;
+    double scale = 1;
+};
+
+// How closely a scaled top-level must meet its X window for the scale to be
+// taken: as closely as the window list's match asks of an unscaled one
+// (strictly less, on each edge and size).
+inline constexpr double kScaleAgreement = 2.0;
+// The scales a toolkit is believed to use; outside them, nothing is scaled.
+inline constexpr double kMinScale = 0.5;
+inline constexpr double kMaxScale = 4;
+
 // Largest client-side margin around a GTK 4 window within its client window
 // (shadows included) that still counts as the same window: the window must
 // be at most twice this much narrower and shorter than its client window.
@@ -64,7 +88,14 @@ inline constexpr double kMaxClientSideMargin = 64;
 // size must fit in its client window within the client-side margins
 // (kMaxClientSideMargin). Then the frame is that window's F. Otherwise
 // nothing: the window has no accessible bounds.
-std::optional<Rect> accessibilityFrame(const TopLevelFacts&, const ClientWindows&);
+//
+// Where E meets neither rectangle of any window unscaled, a scale is looked
+// for: the ratio of sizes between E and one window's F or C, taken only when
+// E multiplied by it meets that rectangle within kScaleAgreement. The frame
+// is then E scaled (and grown, for C), and that scale comes with it. A scale
+// that makes nothing agree is never taken: E stays as it is, at scale 1, and
+// the match refuses it.
+std::optional<ScreenFrame> accessibilityFrame(const TopLevelFacts&, const ClientWindows&);
 
 // A top-level's title without the unsaved-changes marker that Linux editors
 // write into it and macOS shows beside it: one leading "*" (GTK, Xfce and Qt
