@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cmath>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -90,6 +91,10 @@ struct Application {
     Click click;
     bool flagOffAtStart = false;  // started with the accessibility flag off
     const char* refusal = "";     // what the bridge answers when it cannot observe it
+    // NAME=VALUE that sets the toolkit's scale; the application then reports
+    // its logical pixels, and everything the bridge answers must still be in
+    // screen pixels.
+    const char* scale = "";
 };
 
 const Application kApplications[] = {
@@ -116,9 +121,27 @@ const Application kApplications[] = {
      false, true, false, {"Find and Replace", "", "Find and Replace", true}},
     {"mousepad", "notes.txt", "notes.txt", "Zebrafinch", {{"AXTextArea", kNotes}}, 0, true, true,
      false, {"File", "New Window", "", true}},
+
+    // Scaled windows: GTK 3 (the fixture) and Qt 5 (featherpad, at 1 above)
+    // at 1, 1.5 and 2. GTK 3 takes whole scales only (GDK_SCALE=1.5 is read
+    // as 1), so Qt covers 1.5, and 1.25 beside it.
+    {"fixture", "", "Quorvel Fixture", "Observation Fixture",
+     {{"AXTextField", "Ada Lovelace"}, {"AXTextArea", "First line\nSecond line"}}, 1, true, true,
+     false, {"Increment", "Count: 1"}, false, "", "GDK_SCALE=1"},
+    {"fixture", "", "Quorvel Fixture", "Observation Fixture",
+     {{"AXTextField", "Ada Lovelace"}, {"AXTextArea", "First line\nSecond line"}}, 1, true, true,
+     false, {"Increment", "Count: 1"}, false, "", "GDK_SCALE=2"},
+    {"featherpad", "notes.txt", "notes.txt", "Zebrafinch", {{"AXTextArea", kNotes}}, 0, true,
+     true, false, {"New", "", "Untitled"}, false, "", "QT_SCALE_FACTOR=1.25"},
+    {"featherpad", "notes.txt", "notes.txt", "Zebrafinch", {{"AXTextArea", kNotes}}, 0, true,
+     true, false, {"New", "", "Untitled"}, false, "", "QT_SCALE_FACTOR=1.5"},
+    {"featherpad", "notes.txt", "notes.txt", "Zebrafinch", {{"AXTextArea", kNotes}}, 0, true,
+     true, false, {"New", "", "Untitled"}, false, "", "QT_SCALE_FACTOR=2"},
 };
 
-void PrintTo(const Application& app, std::ostream* out) { *out << app.name; }
+void PrintTo(const Application& app, std::ostream* out) {
+    *out << app.name << (*app.scale ? " " : "") << app.scale;
+}
 
 // --- The application's process group ------------------------------------------
 
@@ -143,10 +166,12 @@ std::optional<pid_t> processGroupOf(std::int64_t pid) {
 
 class RunningApplication {
 public:
-    RunningApplication(const std::string& name, const std::string& file) {
+    RunningApplication(const std::string& name, const std::string& file, std::string scale) {
         pid_ = fork();
         if (pid_ == 0) {
             setsid();
+            if (!scale.empty()) putenv(scale.data());
+            setenv("QUORVEL_FIXTURE", QUORVEL_FIXTURE_BINARY, 1);
             // What the applications print is of no interest here.
             int quiet = open("/dev/null", O_RDWR);
             dup2(quiet, 0);
@@ -366,7 +391,7 @@ TEST_P(Applications, AreObservedAndOperated) {
                                                           : kNotes);
     }
     if (app.flagOffAtStart) setAccessibilityFlag(false);
-    RunningApplication running(app.name, file);
+    RunningApplication running(app.name, file, app.scale);
 
     if (*app.refusal) {
         // Once its window is in front, the bridge refuses it cleanly.
@@ -402,7 +427,16 @@ TEST_P(Applications, AreObservedAndOperated) {
     ASSERT_TRUE(observed.ok()) << observed.raw.substr(0, 300);
     const Json& result = observed.json["result"];
     const Json& scope = result["scope"];
-    EXPECT_EQ(scope["bounds"], frameOf(scope));
+    if (*app.scale) {
+        // Logical pixels are whole numbers: a scaled window's frame is off
+        // by less than the scale, as the window list's match allows.
+        Json frame = frameOf(scope);
+        for (const char* key : {"x", "y", "width", "height"})
+            EXPECT_LT(std::fabs(scope["bounds"][key].get<double>() - frame[key].get<double>()), 2)
+                << key << " " << scope["bounds"].dump() << " " << frame.dump();
+    } else {
+        EXPECT_EQ(scope["bounds"], frameOf(scope));
+    }
     EXPECT_EQ(result["nodes"][0]["bounds"], scope["bounds"]);
     std::string visibleText = result["context"]["visible_text"];
     EXPECT_NE(visibleText.find(app.text), std::string::npos) << visibleText.substr(0, 500);
@@ -524,6 +558,7 @@ TEST_P(Applications, AreObservedAndOperated) {
 INSTANTIATE_TEST_SUITE_P(Toolkits, Applications, ::testing::ValuesIn(kApplications),
                          [](const ::testing::TestParamInfo<Application>& info) {
                              std::string name = info.param.name;
+                             if (*info.param.scale) name += std::string("_") + info.param.scale;
                              for (char& c : name)
                                  if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
                              return name;
