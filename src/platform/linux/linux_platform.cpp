@@ -252,7 +252,8 @@ private:
         return known == scales_.end() ? 1 : known->second;
     }
     static void toScreen(Value& value, double scale) {
-        if (auto* point = std::get_if<Point>(&value)) *point = Point{point->x * scale, point->y * scale};
+        if (auto* point = std::get_if<Point>(&value))
+            *point = Point{point->x * scale, point->y * scale};
         if (auto* size = std::get_if<Size>(&value))
             *size = Size{size->width * scale, size->height * scale};
     }

@@ -41,9 +41,8 @@ Rect scaled(const Rect& r, double s) { return Rect{r.x * s, r.y * s, r.width * s
 // little off, which multiplies across the screen; the ratio itself serves
 // for a scale that is no such multiple.
 std::optional<double> scaleBetween(const Rect& reported, const Rect& target) {
-    double sizes = reported.width + reported.height;
     if (!(reported.width > 0 && reported.height > 0)) return std::nullopt;
-    double ratio = (target.width + target.height) / sizes;
+    double ratio = (target.width + target.height) / (reported.width + reported.height);
     if (!(ratio >= kMinScale && ratio <= kMaxScale)) return std::nullopt;
     for (double s : {std::round(ratio * 40) / 40, ratio})
         if (distance(scaled(reported, s), target) < kScaleAgreement) return s;
@@ -60,11 +59,11 @@ std::optional<ScreenFrame> scaledFrame(const Rect& reported, std::int64_t pid,
     auto consider = [&](const Rect& target, const Insets& growth) {
         std::optional<double> s = scaleBetween(reported, target);
         if (!s) return;
-        Rect frame = grown(scaled(reported, *s), growth);
-        double d = distance(scaled(reported, *s), target);
+        Rect onScreen = scaled(reported, *s);
+        double d = distance(onScreen, target);
         if (d < nearest) {
             nearest = d;
-            best = ScreenFrame{frame, *s};
+            best = ScreenFrame{grown(onScreen, growth), *s};
         }
     };
     for (const ClientWindow& window : clients.windows) {
