@@ -172,11 +172,18 @@ TEST(Chords, MapToXKeysAndModifiers) {
 TEST(WheelSteps, RoundPixelsToStepsAndNeverDropANonZeroAmount) {
     struct {
         std::int32_t pixels;
+        int perStep;
         int steps;
-    } cases[] = {{0, 0},   {1, 1},     {-1, 1},    {74, 1},   {75, 2},
-                 {-75, 2}, {100, 2},   {124, 2},   {125, 3},  {2000, 40},
-                 {-2000, 40}};
-    for (const auto& c : cases) EXPECT_EQ(wheelSteps(c.pixels), c.steps) << c.pixels;
+    } cases[] = {{0, 50, 0},     {1, 50, 1},      {-1, 50, 1},    {74, 50, 1},  {75, 50, 2},
+                 {-75, 50, 2},   {100, 50, 2},    {124, 50, 2},   {125, 50, 3}, {2000, 50, 40},
+                 {-2000, 50, 40},
+                 // Browsers: 120 pixels a step (Chromium), 114 (Gecko).
+                 {100, 120, 1},  {180, 120, 2},   {360, 120, 3},  {-360, 120, 3},
+                 {56, 114, 1},   {342, 114, 3},   {400, 114, 4},  {0, 114, 0},
+                 // A step size of nothing never divides by zero.
+                 {10, 0, 10}};
+    for (const auto& c : cases)
+        EXPECT_EQ(wheelSteps(c.pixels, c.perStep), c.steps) << c.pixels << " by " << c.perStep;
 }
 
 TEST(KeysymForCharacter, UsesLegacyKeysymsAndUnicodeOnesBeyond) {

@@ -224,7 +224,9 @@ struct TextFacts final : ElementFacts {
     StateBits statesValue = 0;
     std::optional<std::vector<std::string>> interfacesValue;
     std::string textValue;
+    std::optional<std::vector<EmbeddedObject>> embedded;
     int textAsked = 0;
+    int embeddedAsked = 0;
 
     std::optional<int> role() override { return roleValue; }
     std::optional<StateBits> states() override { return statesValue; }
@@ -235,6 +237,9 @@ struct TextFacts final : ElementFacts {
     std::optional<std::string> text() override { return ++textAsked, textValue; }
     std::optional<double> currentValue() override { return std::nullopt; }
     std::optional<ElementList> children() override { return std::nullopt; }
+    std::optional<std::vector<EmbeddedObject>> embeddedObjects() override {
+        return ++embeddedAsked, embedded;
+    }
 };
 
 std::string read(TextFacts& facts, const char* attribute) {
@@ -248,8 +253,13 @@ std::string read(TextFacts& facts, const char* attribute) {
 // text areas are entries of several lines.
 TEST(TextRoles, ParagraphsAndEntriesCarryTheirText) {
     const std::vector<std::string> text{kTextInterface}, none{};
-    const StateBits editable = states({ATSPI_STATE_EDITABLE, ATSPI_STATE_MULTI_LINE});
+    const StateBits editable =
+        states({ATSPI_STATE_EDITABLE, ATSPI_STATE_FOCUSABLE, ATSPI_STATE_MULTI_LINE});
+    // Inside a web page's editable region: editable, but no focus of its own.
+    const StateBits inRegion = states({ATSPI_STATE_EDITABLE, ATSPI_STATE_MULTI_LINE});
     const std::string object = "\xEF\xBF\xBC", padding = "\xEF\xBB\xBF", emoji = "\xF0\x9F\x98\x80";
+    const std::vector<EmbeddedObject> blocks{{ATSPI_ROLE_PARAGRAPH, "First"},
+                                             {ATSPI_ROLE_PARAGRAPH, "Second"}};
     struct {
         const char* name;
         int role;
@@ -258,8 +268,18 @@ TEST(TextRoles, ParagraphsAndEntriesCarryTheirText) {
         std::string text;
         std::string axRole, value;
         int textAsked;
+        std::optional<std::vector<EmbeddedObject>> embedded = std::nullopt;
+        int embeddedAsked = 0;
     } cases[] = {
         {"editable_paragraph", ATSPI_ROLE_PARAGRAPH, editable, text, "Hello", "AXTextArea", "Hello", 1},
+        {"paragraph_in_editable_region", ATSPI_ROLE_PARAGRAPH, inRegion, text, "In " + object,
+         "AXStaticText", "In ", 1},
+        {"editable_region", ATSPI_ROLE_SECTION, editable, text, object + object, "AXTextArea",
+         "First\nSecond", 1, blocks, 1},
+        {"region_blocks_unreadable", ATSPI_ROLE_SECTION, editable, text, object + object,
+         "AXTextArea", "", 1, std::nullopt, 1},
+        {"section_in_region", ATSPI_ROLE_SECTION, inRegion, text, "Line", "AXGroup", "error", 0},
+        {"plain_section", ATSPI_ROLE_SECTION, 0, text, "Body", "AXGroup", "error", 0},
         {"static_paragraph", ATSPI_ROLE_PARAGRAPH, 0, text, "See " + object + " here", "AXStaticText",
          "See  here", 1},
         {"paragraph_without_text", ATSPI_ROLE_PARAGRAPH, editable, none, "", "paragraph", "error", 0},
@@ -287,10 +307,39 @@ TEST(TextRoles, ParagraphsAndEntriesCarryTheirText) {
         facts.statesValue = c.states;
         facts.interfacesValue = c.interfaces;
         facts.textValue = c.text;
+        facts.embedded = c.embedded;
         EXPECT_EQ(read(facts, "AXRole"), c.axRole) << c.name;
         EXPECT_EQ(read(facts, "AXValue"), c.value) << c.name;
         EXPECT_EQ(facts.textAsked, c.textAsked) << c.name;
+        EXPECT_EQ(facts.embeddedAsked, c.embeddedAsked) << c.name;
     }
+}
+
+// A web page's editable region lists one U+FFFC per block; its value is
+// the blocks' text, a line each, with any text of its own where it stands.
+TEST(EmbeddedText, BlocksTakeLinesOfTheirOwnAndInlineObjectsStayInPlace) {
+    const std::string o = "\xEF\xBF\xBC";
+    const int p = ATSPI_ROLE_PARAGRAPH, link = ATSPI_ROLE_LINK, list = ATSPI_ROLE_LIST;
+    struct {
+        const char* name;
+        std::string text;
+        std::vector<EmbeddedObject> objects;
+        std::string value;
+    } cases[] = {
+        {"two_paragraphs", o + o, {{p, "One"}, {p, "Two"}}, "One\nTwo"},
+        {"empty_paragraph_between", o + o + o, {{p, "One"}, {p, ""}, {p, "Three"}},
+         "One\n\nThree"},
+        {"text_before_a_block", "Lead" + o + "tail", {{p, "Block"}}, "Lead\nBlock\ntail"},
+        {"link_in_a_line", "See " + o + " here", {{link, "the link"}}, "See the link here"},
+        {"inline_after_a_block", o + o, {{p, "One"}, {link, "two"}}, "One\ntwo"},
+        {"line_break_of_its_own", o + "\nNext", {{p, "One"}}, "One\nNext"},
+        {"multi_line_block", o + o, {{list, "a\nb"}, {p, "c"}}, "a\nb\nc"},
+        {"more_characters_than_objects", o + o, {{p, "Only"}}, "Only"},
+        {"no_objects", "plain" + o, {}, "plain"},
+        {"non_ascii", o + o, {{p, "Grüße 漢字"}, {p, "😀"}}, "Grüße 漢字\n😀"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(withEmbeddedText(c.text, c.objects), c.value) << c.name;
 }
 
 }  // namespace

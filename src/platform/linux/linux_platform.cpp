@@ -187,7 +187,11 @@ public:
     }
     Event createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
                                  std::int32_t wheel2, std::int32_t wheel3) override {
-        return windows().createScrollWheelEvent(unit, wheelCount, wheel1, wheel2, wheel3);
+        // The wheel goes to the window in front, as the core has just
+        // validated.
+        std::optional<WindowSystem::Focus> focus = windows().focus();
+        int step = accessibility_.pixelsPerWheelStep(focus ? focus->pid.value_or(-1) : -1);
+        return windows().createScrollWheelEvent(unit, wheelCount, wheel1, wheel2, wheel3, step);
     }
     void setFlags(EventObject& event, EventFlags flags) override {
         windows().setFlags(event, flags);

@@ -75,8 +75,10 @@ public:
     virtual std::optional<Point> pointerLocation() = 0;
     virtual Event createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) = 0;
     virtual Event createMouseEvent(MouseEventType, Point location, MouseButton) = 0;
+    // `pixelsPerStep`: what one wheel step scrolls in the application in front.
     virtual Event createScrollWheelEvent(ScrollUnit, std::uint32_t wheelCount, std::int32_t wheel1,
-                                         std::int32_t wheel2, std::int32_t wheel3) = 0;
+                                         std::int32_t wheel2, std::int32_t wheel3,
+                                         int pixelsPerStep) = 0;
     virtual void setFlags(EventObject&, EventFlags) = 0;
     virtual void setUnicodeString(EventObject&, std::span<const char16_t>) = 0;
     virtual void setIntegerValueField(EventObject&, EventField, std::int64_t) = 0;

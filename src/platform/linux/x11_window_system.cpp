@@ -47,8 +47,10 @@ public:
         return input_.createMouseEvent(type, location, button);
     }
     Event createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
-                                 std::int32_t wheel2, std::int32_t wheel3) override {
-        return input_.createScrollWheelEvent(unit, wheelCount, wheel1, wheel2, wheel3);
+                                 std::int32_t wheel2, std::int32_t wheel3,
+                                 int pixelsPerStep) override {
+        return input_.createScrollWheelEvent(unit, wheelCount, wheel1, wheel2, wheel3,
+                                             pixelsPerStep);
     }
     void setFlags(EventObject& event, EventFlags flags) override { input_.setFlags(event, flags); }
     void setUnicodeString(EventObject& event, std::span<const char16_t> text) override {

@@ -94,6 +94,14 @@ Element focusedByWalk(const Element& window, DBusConnection* bus, int timeoutMs,
 
 }  // namespace
 
+Browser browserOf(std::string_view toolkitName) {
+    std::string name(toolkitName);
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (name == "chromium") return Browser::Chromium;
+    if (name == "gecko") return Browser::Gecko;
+    return Browser::None;
+}
+
 Accessibility::Accessibility(std::function<std::optional<std::string>()> rootWindowAddress)
     : rootWindowAddress_(std::move(rootWindowAddress)) {}
 
@@ -117,6 +125,7 @@ const Accessibility::ApplicationFacts& Accessibility::applicationFacts(const std
     std::string name = parseStringProperty(batch.reply(toolkit)).value_or("");
     for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     facts.gtk4 = name == "gtk" && parseStringProperty(batch.reply(version)).value_or("").rfind("4.", 0) == 0;
+    facts.browser = browserOf(name);
     facts.pid = parseProcessId(batch.reply(pid));
     return applications_[bus] = std::move(facts);
 }
@@ -381,6 +390,11 @@ AXError Accessibility::isSettable(const Element& element, std::string_view attri
     auto names = parseInterfaces(batch.reply(interfaces));
     auto bits = parseStates(batch.reply(states));
     if (!names || !bits) return kAXErrorCannotComplete;
+    // Neither web engine's replacement reaches the page: Chromium offers
+    // none, and Gecko answers that it replaced the text while the field,
+    // and the page's input listeners, saw nothing. Typing over a select-all
+    // is real input, which the page and its framework hear.
+    if (applicationFacts(ref.bus).browser != Browser::None) return kAXErrorSuccess;
     settable =
         hasInterface(*names, kEditableTextInterface) && hasState(*bits, ATSPI_STATE_EDITABLE);
     return kAXErrorSuccess;
@@ -432,6 +446,24 @@ std::optional<ObjectRef> Accessibility::focusedText(std::int64_t pid) {
     if (!matches || matches->empty()) return std::nullopt;
     // Focus may have moved to a password field since typing began.
     return readableText(matches->front(), bus, timeoutMs_);
+}
+
+int Accessibility::pixelsPerWheelStep(std::int64_t pid) {
+    // One step of Chromium's wheel scrolls 120 pixels, of Gecko's 114, at
+    // any page zoom or font size; the other toolkits scroll a few lines.
+    constexpr int kChromiumStep = 120, kGeckoStep = 114, kOtherStep = 50;
+    if (pid <= 0 || pid > INT32_MAX) return kOtherStep;
+    std::optional<ObjectRef> app = findApplication(static_cast<std::int32_t>(pid));
+    if (!app) return kOtherStep;
+    switch (applicationFacts(app->bus).browser) {
+        case Browser::Chromium:
+            return kChromiumStep;
+        case Browser::Gecko:
+            return kGeckoStep;
+        case Browser::None:
+            break;
+    }
+    return kOtherStep;
 }
 
 std::optional<int> Accessibility::caretOffset(const ObjectRef& text) {

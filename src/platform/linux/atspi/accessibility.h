@@ -34,6 +34,12 @@ private:
     std::int32_t pid_;
 };
 
+// The web engines whose pages differ from a desktop form (see browserOf).
+enum class Browser { None, Chromium, Gecko };
+
+// The engine named by an application's toolkit name, in any letter case.
+Browser browserOf(std::string_view toolkitName);
+
 class Accessibility {
 public:
     // `rootWindowAddress` reads the bus address that the session may have
@@ -91,6 +97,10 @@ public:
     std::optional<int> caretOffset(const ObjectRef& text);
     std::optional<std::string> text(const ObjectRef& text, int start, int end);
 
+    // How many pixels one wheel step scrolls in the application of process
+    // `pid`: browsers scroll a fixed distance per step, whatever the page.
+    int pixelsPerWheelStep(std::int64_t pid);
+
 private:
     bool connect();
     // The root object of the AT-SPI application of process `pid`.
@@ -123,6 +133,7 @@ private:
         bool windowAttributesAsked = false;  // see attributesCall
         std::optional<std::string> address;
         bool gtk4 = false;
+        Browser browser = Browser::None;
         std::optional<std::int64_t> pid;
     };
     const ApplicationFacts& applicationFacts(const std::string& bus, bool retry = false);

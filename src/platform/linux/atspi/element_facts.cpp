@@ -54,9 +54,8 @@ std::string withoutEmbeddedObjects(std::string text) {
     return text;
 }
 
-// Firefox follows every character outside the Basic Multilingual Plane
-// with U+FEFF in the text it reports (the field itself holds no such
-// character); what the field holds is the text without it.
+}  // namespace
+
 std::string withoutAstralPadding(std::string text) {
     static const std::string kPadding = "\xEF\xBB\xBF";
     size_t at = 0;
@@ -70,7 +69,33 @@ std::string withoutAstralPadding(std::string text) {
     return text;
 }
 
-}  // namespace
+std::string withEmbeddedText(const std::string& text, const std::vector<EmbeddedObject>& objects) {
+    static const std::string kObject = "\xEF\xBF\xBC";
+    std::string out;
+    size_t next = 0;
+    bool breakDue = false;  // a block ended: what follows starts a new line
+    auto newLine = [&] {
+        if (!out.empty() && out.back() != '\n') out += '\n';
+    };
+    for (size_t at = 0; at < text.size();) {
+        if (text.compare(at, kObject.size(), kObject) == 0) {
+            at += kObject.size();
+            if (next >= objects.size()) continue;
+            const EmbeddedObject& object = objects[next++];
+            bool block = isBlockRole(object.role);
+            // An empty block still makes a line of its own.
+            if (block && breakDue && !out.empty()) out += '\n';
+            else if (block || breakDue) newLine();
+            out += object.text;
+            breakDue = block;
+            continue;
+        }
+        if (breakDue && text[at] != '\n') newLine();
+        breakDue = false;
+        out += text[at++];
+    }
+    return out;
+}
 
 AttributeRead readAttribute(ElementFacts& facts, std::string_view attribute) {
     if (attribute == "AXRole") {
@@ -97,6 +122,9 @@ AttributeRead readAttribute(ElementFacts& facts, std::string_view attribute) {
             std::string value = withoutAstralPadding(std::move(*whole));
             if (valueIsStaticText(role->role, role->states))
                 value = withoutEmbeddedObjects(std::move(value));
+            else if (valueHoldsEmbeddedText(role->role, role->states))
+                value = withEmbeddedText(value, facts.embeddedObjects().value_or(
+                                                    std::vector<EmbeddedObject>{}));
             return success(std::move(value));
         }
         std::optional<double> number = facts.currentValue();

@@ -12,6 +12,23 @@
 
 namespace quorvel::linux_backend {
 
+// An object that a text holds in place of one U+FFFC character: a block
+// of a web page's editable region, a link in a paragraph; with its own text,
+// its own embedded objects put in.
+struct EmbeddedObject {
+    int role = 0;  // an AtspiRole
+    std::string text;
+};
+
+// `text` with each U+FFFC replaced by the text of the next of `objects`
+// (dropped once they run out), and each block on a line of its own.
+std::string withEmbeddedText(const std::string& text, const std::vector<EmbeddedObject>& objects);
+
+// Firefox follows every character outside the Basic Multilingual Plane with
+// U+FEFF in the text it reports (the field itself holds no such character);
+// what the field holds is the text without it.
+std::string withoutAstralPadding(std::string text);
+
 // What AT-SPI says about one element. An answer is empty when the
 // application could not give it (no such interface, a failed or timed-out
 // call). Live facts ask the application on every call; the tree scan's
@@ -30,6 +47,9 @@ public:
     // The Text interface's whole text. Never called for password text.
     virtual std::optional<std::string> text() = 0;
     virtual std::optional<double> currentValue() = 0;
+    // The objects the text's U+FFFC characters stand for, in order. Asked
+    // only of a web page's editable region (valueHoldsEmbeddedText).
+    virtual std::optional<std::vector<EmbeddedObject>> embeddedObjects() { return std::nullopt; }
     // "AXChildren": the children the application lists, less those its
     // child rule leaves out (child_filter.h).
     virtual std::optional<ElementList> children() = 0;

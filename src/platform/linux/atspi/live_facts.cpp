@@ -1,9 +1,59 @@
 #include "platform/linux/atspi/live_facts.h"
 
+#include <atspi/atspi-constants.h>
+
 #include "platform/linux/atspi/accessible_element.h"
 #include "platform/linux/atspi/call_batch.h"
 
 namespace quorvel::linux_backend {
+namespace {
+
+// How deep embedded objects are followed: a region's blocks, the links
+// and spans in them, and what those hold.
+constexpr int kEmbeddingDepth = 4;
+const std::string kObjectCharacter = "\xEF\xBF\xBC";
+
+// The objects embedded in the text of `parent`: its children other than
+// text runs (Chromium lists each run of a paragraph's text as a static
+// child, which the text holds as characters), each with its text, its own
+// embedded objects put in down to `depth` levels.
+std::optional<std::vector<EmbeddedObject>> embeddedIn(const ObjectRef& parent,
+                                                      DBusConnection* bus, int timeoutMs,
+                                                      int depth) {
+    auto children = parseChildren(callAndWait(bus, childrenCall(parent), timeoutMs).get());
+    if (!children) return std::nullopt;
+    CallBatch roles(bus, timeoutMs);
+    for (const ObjectRef& child : *children) roles.add(roleCall(child));
+    roles.wait();
+    std::vector<ObjectRef> embedded;
+    std::vector<int> embeddedRoles;
+    for (size_t i = 0; i < children->size(); ++i) {
+        std::optional<int> role = parseRole(roles.reply(i));
+        if ((*children)[i].path == "/org/a11y/atspi/null" || (role && *role == ATSPI_ROLE_STATIC))
+            continue;
+        embedded.push_back((*children)[i]);
+        // An unknown role may be a password field's: its text is not asked.
+        embeddedRoles.push_back(role.value_or(ATSPI_ROLE_PASSWORD_TEXT));
+    }
+    CallBatch texts(bus, timeoutMs);
+    std::vector<std::optional<size_t>> calls(embedded.size());
+    for (size_t i = 0; i < embedded.size(); ++i)
+        if (!isPasswordRole(embeddedRoles[i])) calls[i] = texts.add(textCall(embedded[i]));
+    texts.wait();
+    std::vector<EmbeddedObject> objects;
+    for (size_t i = 0; i < embedded.size(); ++i) {
+        EmbeddedObject object{embeddedRoles[i], {}};
+        if (calls[i]) object.text = withoutAstralPadding(parseText(texts.reply(*calls[i])).value_or(""));
+        if (depth > 1 && object.text.find(kObjectCharacter) != std::string::npos) {
+            auto inner = embeddedIn(embedded[i], bus, timeoutMs, depth - 1);
+            object.text = withEmbeddedText(object.text, inner.value_or(std::vector<EmbeddedObject>{}));
+        }
+        objects.push_back(std::move(object));
+    }
+    return objects;
+}
+
+}  // namespace
 
 std::optional<ObjectRef> readableText(const ObjectRef& candidate, DBusConnection* bus,
                                       int timeoutMs, DirectLink* link) {
@@ -59,6 +109,10 @@ std::optional<double> LiveFacts::currentValue() {
     auto offered = interfaces();
     if (!offered || !hasInterface(*offered, kValueInterface)) return std::nullopt;
     return parseCurrentValue(call(currentValueCall(ref_)).get());
+}
+
+std::optional<std::vector<EmbeddedObject>> LiveFacts::embeddedObjects() {
+    return embeddedIn(ref_, bus_, timeoutMs_, kEmbeddingDepth);
 }
 
 std::optional<ElementList> LiveFacts::children() {

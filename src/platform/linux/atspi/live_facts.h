@@ -36,6 +36,7 @@ public:
     std::optional<std::string> text() override;
     std::optional<double> currentValue() override;
     std::optional<ElementList> children() override;
+    std::optional<std::vector<EmbeddedObject>> embeddedObjects() override;
 
 private:
     Message call(Message request);

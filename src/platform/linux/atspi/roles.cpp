@@ -69,6 +69,13 @@ const std::unordered_map<int, const char*>& roleNames() {
     return names;
 }
 
+// An editor of its own: editable and able to take the focus. The paragraphs
+// and runs inside a web page's editable region are editable too, but only
+// the region takes the focus; they are its text, not editors.
+bool isEditor(StateBits states) {
+    return hasState(states, ATSPI_STATE_EDITABLE) && hasState(states, ATSPI_STATE_FOCUSABLE);
+}
+
 }  // namespace
 
 std::string axRole(int atspiRole, StateBits states, bool hasText) {
@@ -78,7 +85,11 @@ std::string axRole(int atspiRole, StateBits states, bool hasText) {
         case ATSPI_ROLE_ENTRY:
             return hasState(states, ATSPI_STATE_MULTI_LINE) ? "AXTextArea" : "AXTextField";
         case ATSPI_ROLE_PARAGRAPH:
-            if (hasText) return hasState(states, ATSPI_STATE_EDITABLE) ? "AXTextArea" : "AXStaticText";
+            if (hasText) return isEditor(states) ? "AXTextArea" : "AXStaticText";
+            break;
+        case ATSPI_ROLE_SECTION:
+            // A web page's editable region (contenteditable).
+            if (hasText && isEditor(states)) return "AXTextArea";
             break;
         case ATSPI_ROLE_DOCUMENT_TEXT:
             if (hasText && hasState(states, ATSPI_STATE_EDITABLE)) return "AXTextArea";
@@ -100,7 +111,8 @@ bool roleNeedsStates(int atspiRole) {
 }
 
 bool roleNeedsInterfaces(int atspiRole) {
-    return atspiRole == ATSPI_ROLE_PARAGRAPH || atspiRole == ATSPI_ROLE_DOCUMENT_TEXT;
+    return atspiRole == ATSPI_ROLE_PARAGRAPH || atspiRole == ATSPI_ROLE_DOCUMENT_TEXT ||
+           atspiRole == ATSPI_ROLE_SECTION;
 }
 
 std::optional<std::string> axSubrole(int atspiRole) {
@@ -118,6 +130,8 @@ bool valueIsText(int atspiRole, StateBits states, bool hasText) {
             return true;
         case ATSPI_ROLE_PARAGRAPH:
             return hasText;
+        case ATSPI_ROLE_SECTION:
+            return hasText && isEditor(states);
         case ATSPI_ROLE_DOCUMENT_TEXT:
             return hasText && hasState(states, ATSPI_STATE_EDITABLE);
         default:
@@ -126,7 +140,30 @@ bool valueIsText(int atspiRole, StateBits states, bool hasText) {
 }
 
 bool valueIsStaticText(int atspiRole, StateBits states) {
-    return atspiRole == ATSPI_ROLE_PARAGRAPH && !hasState(states, ATSPI_STATE_EDITABLE);
+    return atspiRole == ATSPI_ROLE_PARAGRAPH && !isEditor(states);
+}
+
+bool valueHoldsEmbeddedText(int atspiRole, StateBits states) {
+    return atspiRole == ATSPI_ROLE_SECTION && isEditor(states);
+}
+
+bool isBlockRole(int atspiRole) {
+    switch (atspiRole) {
+        case ATSPI_ROLE_PARAGRAPH:
+        case ATSPI_ROLE_SECTION:
+        case ATSPI_ROLE_HEADING:
+        case ATSPI_ROLE_LIST:
+        case ATSPI_ROLE_LIST_ITEM:
+        case ATSPI_ROLE_BLOCK_QUOTE:
+        case ATSPI_ROLE_TABLE:
+        case ATSPI_ROLE_TABLE_ROW:
+        case ATSPI_ROLE_PANEL:
+        case ATSPI_ROLE_FORM:
+        case ATSPI_ROLE_ARTICLE:
+            return true;
+        default:
+            return false;
+    }
 }
 
 }  // namespace quorvel::linux_backend

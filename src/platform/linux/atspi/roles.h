@@ -20,9 +20,13 @@ inline bool hasState(StateBits states, int state) {
 // the element's states, and whether it offers the Text interface (`hasText`):
 // - plain text and entries: single-line text is a text field, the rest a text
 //   area (an entry is a text field unless it takes several lines);
-// - a paragraph with text is a text area when it is editable (a paragraph of
-//   a word processor's document, of an editable web page), else static text;
-//   document text with text of its own is a text area when editable.
+// - a paragraph with text is a text area when it is an editor (editable and
+//   focusable: a paragraph of a word processor's document), else static text
+//   (also the paragraphs inside a web page's editable region, which take
+//   no focus of their own); document text with text of its own is a text
+//   area when editable;
+// - a section with text that is an editor is a web page's editable region
+//   (contenteditable): a text area.
 // Roles without an equivalent keep their AT-SPI name ("viewport").
 std::string axRole(int atspiRole, StateBits states, bool hasText);
 bool roleNeedsStates(int atspiRole);
@@ -38,6 +42,12 @@ bool valueIsText(int atspiRole, StateBits states, bool hasText);
 // images) are elements of their own: the characters that stand for them are
 // left out of its value.
 bool valueIsStaticText(int atspiRole, StateBits states);
+// Whether the text is an editable web region's: one U+FFFC for each block
+// it holds, whose text makes the region's value (embeddedText).
+bool valueHoldsEmbeddedText(int atspiRole, StateBits states);
+// Whether an object of this role starts a line of its own in the text that
+// holds it.
+bool isBlockRole(int atspiRole);
 bool isPasswordRole(int atspiRole);
 
 }  // namespace quorvel::linux_backend

@@ -61,6 +61,10 @@ public:
     std::optional<ElementList> children() override {
         return record_.childrenFetched ? record_.children : live_.children();
     }
+    // Only editable web regions ask, and a page holds few of them.
+    std::optional<std::vector<EmbeddedObject>> embeddedObjects() override {
+        return live_.embeddedObjects();
+    }
 
 private:
     const TreeSnapshot::Record& record_;

@@ -15,8 +15,6 @@
 namespace quorvel::linux_backend {
 namespace {
 
-constexpr int kPixelsPerWheelStep = 50;
-
 struct VirtualKey {
     std::uint16_t code;
     KeySym keysym;
@@ -43,8 +41,9 @@ struct InputEvent final : EventObject {
     std::u32string text;
     // Mouse events.
     Point at;
-    // Scroll events: pixels.
+    // Scroll events: pixels, and what one step scrolls.
     std::int32_t wheel = 0;
+    int pixelsPerStep = kPixelsPerWheelStep;
 };
 
 InputEvent* ours(EventObject& event) { return dynamic_cast<InputEvent*>(&event); }
@@ -55,10 +54,11 @@ struct XInput::Connection {
     Display* display = nullptr;
 };
 
-int wheelSteps(std::int32_t pixels) {
+int wheelSteps(std::int32_t pixels, int pixelsPerStep) {
     if (pixels == 0) return 0;
+    long step = std::max(1, pixelsPerStep);
     long magnitude = std::labs(static_cast<long>(pixels));
-    return static_cast<int>(std::max(1L, (magnitude + kPixelsPerWheelStep / 2) / kPixelsPerWheelStep));
+    return static_cast<int>(std::max(1L, (magnitude + step / 2) / step));
 }
 
 std::optional<Chord> chordFor(std::uint16_t virtualKey, EventFlags flags) {
@@ -135,11 +135,12 @@ Event XInput::createMouseEvent(MouseEventType type, Point location, MouseButton 
 }
 
 Event XInput::createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
-                                     std::int32_t, std::int32_t) {
+                                     std::int32_t, std::int32_t, int pixelsPerStep) {
     // The core scrolls by pixels only.
     if (!connect() || unit != ScrollUnit::Pixel || wheelCount < 1) return nullptr;
     auto event = std::make_unique<InputEvent>(InputEvent::Kind::Scroll);
     event->wheel = wheel1;
+    event->pixelsPerStep = pixelsPerStep;
     return event;
 }
 
@@ -230,7 +231,7 @@ void XInput::post(EventTap, EventObject& object) {
     case InputEvent::Kind::Scroll: {
         // Positive amounts scroll toward the top of the content, as the
         // wheel turned away from the user does.
-        int steps = wheelSteps(event->wheel);
+        int steps = wheelSteps(event->wheel, event->pixelsPerStep);
         unsigned button = event->wheel > 0 ? kWheelUp : kWheelDown;
         for (int i = 0; i < steps; ++i) {
             XTestFakeButtonEvent(display, button, True, CurrentTime);

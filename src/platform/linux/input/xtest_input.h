@@ -34,10 +34,11 @@ namespace quorvel::linux_backend {
 
 class Typist;
 
-// The number of wheel steps for a scroll of `pixels` (sign ignored): one
-// step scrolls GTK and most toolkits by a few lines, so a pixel amount is
-// turned into steps of 50 pixels, rounded, at least one.
-int wheelSteps(std::int32_t pixels);
+// The number of wheel steps for a scroll of `pixels` (sign ignored), where
+// one step scrolls `pixelsPerStep`: rounded, at least one. One step scrolls
+// GTK and most toolkits by a few lines, about 50 pixels.
+constexpr int kPixelsPerWheelStep = 50;
+int wheelSteps(std::int32_t pixels, int pixelsPerStep = kPixelsPerWheelStep);
 
 // What a key event becomes on X: the key's keysym and the modifiers to hold.
 // Command becomes Control, the shortcut key of Linux applications, and
@@ -67,8 +68,10 @@ public:
     std::optional<Point> pointerLocation();
     Event createKeyboardEvent(std::uint16_t virtualKey, bool keyDown);
     Event createMouseEvent(MouseEventType, Point location, MouseButton);
+    // `pixelsPerStep`: what one wheel step scrolls in the application in front.
     Event createScrollWheelEvent(ScrollUnit, std::uint32_t wheelCount, std::int32_t wheel1,
-                                 std::int32_t wheel2, std::int32_t wheel3);
+                                 std::int32_t wheel2, std::int32_t wheel3,
+                                 int pixelsPerStep = kPixelsPerWheelStep);
     void setFlags(EventObject&, EventFlags);
     void setUnicodeString(EventObject&, std::span<const char16_t>);
     void setIntegerValueField(EventObject&, EventField, std::int64_t);

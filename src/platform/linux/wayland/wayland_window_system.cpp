@@ -31,7 +31,9 @@ struct InputEvent final : EventObject {
     bool hasText = false;
     std::u32string text;
     Point at;
+    // Scroll events: pixels, and what one step scrolls.
     std::int32_t wheel = 0;
+    int pixelsPerStep = kPixelsPerWheelStep;
 };
 
 InputEvent* ours(EventObject& event) { return dynamic_cast<InputEvent*>(&event); }
@@ -119,10 +121,11 @@ public:
         return event;
     }
     Event createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
-                                 std::int32_t, std::int32_t) override {
+                                 std::int32_t, std::int32_t, int pixelsPerStep) override {
         if (!pointer_.available() || unit != ScrollUnit::Pixel || wheelCount < 1) return nullptr;
         auto event = std::make_unique<InputEvent>(InputEvent::Kind::Scroll);
         event->wheel = wheel1;
+        event->pixelsPerStep = pixelsPerStep;
         return event;
     }
     void setFlags(EventObject& event, EventFlags flags) override {
@@ -172,7 +175,7 @@ public:
             // below; motion to the very same place gives it back.
             if (probed_) pointer_.moveTo(*probed_);
             // Positive amounts scroll toward the top of the content.
-            pointer_.wheel(wheelSteps(event->wheel), event->wheel > 0);
+            pointer_.wheel(wheelSteps(event->wheel, event->pixelsPerStep), event->wheel > 0);
             break;
         }
     }
