@@ -13,6 +13,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -368,5 +370,74 @@ std::string mixedText(size_t length, size_t lineLength, unsigned seed) {
     }
     return text;
 }
+
+// --- Applications -------------------------------------------------------------
+
+std::string sessionDirectory() {
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    return runtime ? runtime : "/tmp";
+}
+
+std::optional<pid_t> processGroupOf(std::int64_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) return std::nullopt;
+    // pid (comm) state ppid pgrp ...; the command may hold spaces.
+    size_t end = line.rfind(')');
+    if (end == std::string::npos) return std::nullopt;
+    std::istringstream fields(line.substr(end + 2));
+    std::string state;
+    long parent = 0, group = 0;
+    fields >> state >> parent >> group;
+    return static_cast<pid_t>(group);
+}
+
+void setAccessibilityFlag(bool on) {
+    pid_t pid = spawn({"dbus-send", "--session", "--print-reply", "--dest=org.a11y.Bus",
+                       "/org/a11y/bus", "org.freedesktop.DBus.Properties.Set",
+                       "string:org.a11y.Status", "string:IsEnabled",
+                       std::string("variant:boolean:") + (on ? "true" : "false")});
+    waitpid(pid, nullptr, 0);
+}
+
+bool accessibilityFlag() {
+    FILE* reply = popen("dbus-send --session --print-reply --dest=org.a11y.Bus /org/a11y/bus "
+                        "org.freedesktop.DBus.Properties.Get string:org.a11y.Status "
+                        "string:IsEnabled",
+                        "r");
+    std::string text;
+    char buffer[256];
+    while (reply && fgets(buffer, sizeof buffer, reply)) text += buffer;
+    if (reply) pclose(reply);
+    return text.find("boolean true") != std::string::npos;
+}
+
+// The process of the active window, as the window manager has it; -1 for
+// none.
+std::int64_t activeProcess() {
+    // The active window may be gone already (the last application's):
+    // Xlib's default handler would end the test on that error.
+    XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });
+    Display* display = XOpenDisplay(nullptr);
+    if (!display) return -1;
+    auto property = [&](::Window window, const char* name) -> long {
+        Atom type;
+        int format;
+        unsigned long count, after;
+        unsigned char* data = nullptr;
+        long value = -1;
+        if (XGetWindowProperty(display, window, XInternAtom(display, name, False), 0, 1, False,
+                               AnyPropertyType, &type, &format, &count, &after, &data) == Success &&
+            data && count == 1 && format == 32)
+            value = *reinterpret_cast<long*>(data);
+        if (data) XFree(data);
+        return value;
+    };
+    long active = property(DefaultRootWindow(display), "_NET_ACTIVE_WINDOW");
+    long pid = active > 0 ? property(static_cast<::Window>(active), "_NET_WM_PID") : -1;
+    XCloseDisplay(display);
+    return pid;
+}
+
 
 }  // namespace quorvel::e2e

@@ -4,12 +4,19 @@
 // (scripts/desktop), an X one or, with --wayland, sway.
 #pragma once
 
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
+#include <optional>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -112,5 +119,65 @@ std::string mixedText(size_t length, size_t lineLength, unsigned seed);
 // `count` ideographs from U+4E00 on, each once, with a line break after
 // every `lineLength`: far more distinct characters than there are spare keys.
 std::string ideographs(size_t count, size_t lineLength);
+
+
+// --- Applications, each started by tests/e2e/launch-app --------------------
+
+// The session's own directory ($XDG_RUNTIME_DIR), for documents and profiles.
+std::string sessionDirectory();
+// The process group of process `pid`.
+std::optional<pid_t> processGroupOf(std::int64_t pid);
+// Turns the session's accessibility flag on or off, and reads it.
+void setAccessibilityFlag(bool on);
+bool accessibilityFlag();
+// The process of the active window, as the window manager has it; -1 for
+// none.
+std::int64_t activeProcess();
+
+// One application started on a file, in a process group of its own, which
+// is ended with it.
+class RunningApplication {
+public:
+    // `scale`: NAME=VALUE that sets the toolkit's scale, or nothing.
+    RunningApplication(const std::string& name, const std::string& file, std::string scale = "") {
+        pid_ = fork();
+        if (pid_ == 0) {
+            setsid();
+            if (!scale.empty()) putenv(scale.data());
+            setenv("QUORVEL_FIXTURE", QUORVEL_FIXTURE_BINARY, 1);
+            // What the applications print is of no interest here.
+            int quiet = open("/dev/null", O_RDWR);
+            dup2(quiet, 0);
+            dup2(quiet, 1);
+            dup2(quiet, 2);
+            closefrom(3);
+            execl(QUORVEL_LAUNCH_APP, QUORVEL_LAUNCH_APP, name.c_str(), file.c_str(), nullptr);
+            _exit(127);
+        }
+    }
+    ~RunningApplication() {
+        if (pid_ <= 0) return;
+        kill(-pid_, SIGTERM);
+        for (int i = 0; i < 50 && kill(-pid_, 0) == 0; ++i) {
+            waitpid(pid_, nullptr, WNOHANG);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        kill(-pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    RunningApplication(const RunningApplication&) = delete;
+    RunningApplication& operator=(const RunningApplication&) = delete;
+
+    // Whether the scope names a window of this application.
+    bool owns(const Json& scope) const {
+        return scope.is_object() && scope["pid"].is_number_integer() &&
+               owns(scope["pid"].get<std::int64_t>());
+    }
+    bool owns(std::int64_t pid) const { return processGroupOf(pid) == pid_; }
+
+private:
+    pid_t pid_ = -1;
+};
+
 
 }  // namespace quorvel::e2e
