@@ -5,7 +5,9 @@ which would shadow Python's module of that name.)"""
 import argparse
 import difflib
 import json
+import os
 import random
+import signal
 import statistics
 import subprocess
 import sys
@@ -85,10 +87,84 @@ class Bridge:
         return reply["result"]
 
 
+LAUNCH = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e",
+                      "launch-app")
+TEXTAREA_PAGE = """<!doctype html>
+<html><head><meta charset="utf-8"><title>Typing Page</title></head><body>
+<textarea id="notes" style="width:90%;height:500px"></textarea></body></html>
+"""
+
+
+class Page:
+    """A browser on a page that holds one empty textarea, started by
+    tests/e2e/launch-app; the textarea takes the place of the fixture's
+    Notes editor."""
+
+    def __init__(self, browser, bridge):
+        folder = os.path.join(os.environ.get("XDG_RUNTIME_DIR", "/tmp"), "typing")
+        os.makedirs(folder, exist_ok=True)
+        path = os.path.join(folder, "textarea.html")
+        with open(path, "w") as out:
+            out.write(TEXTAREA_PAGE)
+        self.bridge = bridge
+        self.process = subprocess.Popen([LAUNCH, browser, path], stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                        start_new_session=True)
+        deadline = time.monotonic() + 120
+        while time.monotonic() < deadline:
+            reply, _ = bridge.run({"version": 1, "operation": "context"})
+            area = reply.get("ok") and self.textarea(reply["result"])
+            if area and "Typing Page" in reply["result"]["scope"]["window"] and area["bounds"]:
+                self.area = area
+                return
+            time.sleep(1)
+        self.close()
+        sys.exit(f"{browser} did not show the page")
+
+    @staticmethod
+    def textarea(observation):
+        return next((n for n in observation["nodes"] if n["role"] == "AXTextArea"), None)
+
+    def command(self, line):
+        """The fixture's "notes " and "focus notes": empty the textarea and
+        put the caret in it."""
+        if line != "focus notes":
+            return
+        observation = self.bridge.observe()
+        b = self.area["bounds"]
+        scope = observation["scope"]
+        act = lambda action: self.bridge.run({"version": 1, "operation": "act", "scope": scope,
+                                              "action": action})
+        act({"kind": "click", "x": b["x"] + 20, "y": b["y"] + 20})
+        time.sleep(0.5)
+        value = notes_value(self.bridge.observe())
+        if value:
+            act({"kind": "type", "value": "", "replace": True, "expected_value": value})
+            key = (["wtype", "-k", "BackSpace"] if os.environ.get("WAYLAND_DISPLAY")
+                   else ["xdotool", "key", "BackSpace"])
+            subprocess.run(key, check=True)
+        settled_notes(self.bridge, "")
+
+    def close(self):
+        try:
+            os.killpg(self.process.pid, signal.SIGTERM)
+            self.process.wait(timeout=5)
+        except (ProcessLookupError, subprocess.TimeoutExpired):
+            pass
+        try:
+            os.killpg(self.process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        self.process.wait()
+
+
 def notes_value(observation):
     for node in observation["nodes"]:
         if node["name"] == "Notes" and node["role"] in ("AXTextArea", "AXTextField"):
             return node["value"]
+    area = Page.textarea(observation)
+    if area is not None and "Typing Page" in observation["scope"]["window"]:
+        return area["value"]
     sys.exit("the fixture has no Notes editor")
 
 
@@ -127,6 +203,8 @@ def main():
     parser.add_argument("--line", type=int, default=60, help="characters per line")
     parser.add_argument("--reference", choices=("xdotool", "wtype"), default="xdotool",
                         help="the typing tool to compare with: xdotool on X, wtype on Wayland")
+    parser.add_argument("--browser", choices=("chromium", "firefox"),
+                        help="type into a web page's textarea in this browser instead")
     args = parser.parse_args()
 
     text = mixed_text(args.length, args.line, seed=2024)
@@ -134,7 +212,9 @@ def main():
     print(f"text: {len(text)} characters, {distinct} distinct outside ASCII, lines of {args.line}")
 
     bridge = Bridge(args.bridge)
-    fixture = Fixture(args.fixture)
+    fixture = Page(args.browser, bridge) if args.browser else Fixture(args.fixture)
+    if args.browser:
+        print(f"into a textarea in {args.browser}")
 
     # The bridge: one "type" request per run, into the emptied text view.
     ours, ours_right = [], 0
@@ -173,6 +253,16 @@ def main():
     reference_right = agreement(value, text)
     print(f"  {tool}: {reference:.3f} s, {reference_right}/{len(text)} characters right, "
           f"{len(value)} typed, exact: {'yes' if value == text else 'no'}")
+
+    if args.browser:
+        fixture.close()
+        median = statistics.median(ours)
+        print(f"typing, bridge:  median {median:.3f} s of {args.runs}, "
+              f"{ours_right}/{args.runs} runs 100% correct")
+        print(f"typing, {tool}: {reference:.3f} s, "
+              f"{100.0 * reference_right / len(text):.1f}% of characters arrived in order")
+        print(f"ratio {tool} / bridge: {reference / median:.1f}x (target at least 10x)")
+        return 0 if ours_right == args.runs else 1
 
     # One whole-process click on the Increment button.
     observation = bridge.observe()
