@@ -80,11 +80,17 @@ class Bridge:
         elapsed = time.perf_counter() - start
         return json.loads(done.stdout or b"{}"), elapsed
 
-    def observe(self):
-        reply, _ = self.run({"version": 1, "operation": "context"})
-        if not reply.get("ok"):
-            sys.exit(f"observation refused: {reply}")
-        return reply["result"]
+    def observe(self, patience=15.0):
+        """The observation; asked again for a while when refused (a browser
+        may be busy with a backlog of keys)."""
+        deadline = time.monotonic() + patience
+        while True:
+            reply, _ = self.run({"version": 1, "operation": "context"})
+            if reply.get("ok"):
+                return reply["result"]
+            if time.monotonic() > deadline:
+                sys.exit(f"observation refused: {reply}")
+            time.sleep(0.5)
 
 
 LAUNCH = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e",
