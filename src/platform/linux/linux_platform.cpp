@@ -39,16 +39,18 @@ public:
 // accessibility side's own calls.
 class AccessibleEditorText final : public EditorText {
 public:
-    AccessibleEditorText(Accessibility& accessibility, ObjectRef text)
-        : accessibility_(accessibility), text_(std::move(text)) {}
+    AccessibleEditorText(Accessibility& accessibility, ObjectRef text, bool keepsKeyOrder)
+        : accessibility_(accessibility), text_(std::move(text)), keepsKeyOrder_(keepsKeyOrder) {}
     std::optional<int> caret() override { return accessibility_.caretOffset(text_); }
     std::optional<std::string> text(int start, int end) override {
         return accessibility_.text(text_, start, end);
     }
+    bool keepsKeyOrder() override { return keepsKeyOrder_; }
 
 private:
     Accessibility& accessibility_;
     ObjectRef text_;
+    bool keepsKeyOrder_;
 };
 
 class LinuxPlatform final : public Platform {
@@ -218,7 +220,8 @@ private:
             windows_ = openWindowSystem([this](std::int64_t pid) -> std::unique_ptr<EditorText> {
                 std::optional<ObjectRef> text = accessibility_.focusedText(pid);
                 if (!text) return nullptr;
-                return std::make_unique<AccessibleEditorText>(accessibility_, std::move(*text));
+                return std::make_unique<AccessibleEditorText>(
+                    accessibility_, std::move(*text), accessibility_.isBrowser(pid));
             });
             accessibility_.setWindowRelativePlacement(windows_->windowRelativeExtents());
         }

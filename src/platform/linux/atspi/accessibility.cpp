@@ -452,10 +452,7 @@ int Accessibility::pixelsPerWheelStep(std::int64_t pid) {
     // One step of Chromium's wheel scrolls 120 pixels, of Gecko's 114, at
     // any page zoom or font size; the other toolkits scroll a few lines.
     constexpr int kChromiumStep = 120, kGeckoStep = 114, kOtherStep = 50;
-    if (pid <= 0 || pid > INT32_MAX) return kOtherStep;
-    std::optional<ObjectRef> app = findApplication(static_cast<std::int32_t>(pid));
-    if (!app) return kOtherStep;
-    switch (applicationFacts(app->bus).browser) {
+    switch (browser(pid)) {
         case Browser::Chromium:
             return kChromiumStep;
         case Browser::Gecko:
@@ -464,6 +461,13 @@ int Accessibility::pixelsPerWheelStep(std::int64_t pid) {
             break;
     }
     return kOtherStep;
+}
+
+Browser Accessibility::browser(std::int64_t pid) {
+    if (pid <= 0 || pid > INT32_MAX) return Browser::None;
+    std::optional<ObjectRef> app = findApplication(static_cast<std::int32_t>(pid));
+    if (!app) return Browser::None;
+    return applicationFacts(app->bus).browser;
 }
 
 std::optional<int> Accessibility::caretOffset(const ObjectRef& text) {

@@ -100,9 +100,13 @@ public:
     // How many pixels one wheel step scrolls in the application of process
     // `pid`: browsers scroll a fixed distance per step, whatever the page.
     int pixelsPerWheelStep(std::int64_t pid);
+    // Whether the application of process `pid` is a web browser.
+    bool isBrowser(std::int64_t pid) { return browser(pid) != Browser::None; }
 
 private:
     bool connect();
+    // The web engine of the application of process `pid`, if any.
+    Browser browser(std::int64_t pid);
     // The root object of the AT-SPI application of process `pid`.
     std::optional<ObjectRef> findApplication(std::int32_t pid);
     AttributeRead focusedWindow(const AccessibleElement& application);

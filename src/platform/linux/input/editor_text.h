@@ -19,6 +19,9 @@ public:
     virtual std::optional<int> caret() = 0;
     // The characters from `start` to `end`; nothing when they cannot be read.
     virtual std::optional<std::string> text(int start, int end) = 0;
+    // Whether the application inserts every character where its key falls
+    // among the others, one beyond the BMP included (browsers do).
+    virtual bool keepsKeyOrder() { return false; }
 };
 // The focused text editor of process `pid`; null when there is none.
 using FocusedText = std::function<std::unique_ptr<EditorText>(std::int64_t pid)>;

@@ -216,6 +216,14 @@ std::unique_ptr<HandledEvidence> pingEvidence(Display* display, Window window) {
 
 std::unique_ptr<HandledEvidence> pauseEvidence() { return std::make_unique<PauseEvidence>(); }
 
+std::unique_ptr<EditorText> focusedEditor(Display* display, const FocusedText& focusedText) {
+    Window client = focusedClient(display);
+    std::optional<std::int64_t> pid;
+    if (client != None) pid = processOf(display, client);
+    if (!pid || !focusedText) return nullptr;
+    return focusedText(*pid);
+}
+
 }  // namespace
 
 std::unique_ptr<HandledEvidence> editorEvidence(std::unique_ptr<EditorText> editor) {
@@ -225,11 +233,14 @@ std::unique_ptr<HandledEvidence> editorEvidence(std::unique_ptr<EditorText> edit
 
 std::unique_ptr<HandledEvidence> focusedEditorEvidence(Display* display,
                                                        const FocusedText& focusedText) {
-    Window client = focusedClient(display);
-    std::optional<std::int64_t> pid;
-    if (client != None) pid = processOf(display, client);
-    if (!pid || !focusedText) return nullptr;
-    return editorEvidence(focusedText(*pid));
+    return editorEvidence(focusedEditor(display, focusedText));
+}
+
+std::unique_ptr<HandledEvidence> keyOrderEvidence(Display* display,
+                                                  const FocusedText& focusedText) {
+    std::unique_ptr<EditorText> editor = focusedEditor(display, focusedText);
+    if (editor && editor->keepsKeyOrder()) return nullptr;
+    return editorEvidence(std::move(editor));
 }
 
 std::unique_ptr<HandledEvidence> focusedApplicationEvidence(Display* display,

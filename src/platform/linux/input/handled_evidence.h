@@ -41,6 +41,10 @@ std::unique_ptr<HandledEvidence> focusedApplicationEvidence(_XDisplay*, const Fo
 // Evidence from the focused editor alone, that the characters typed so far
 // have reached the text, not only the application; null without one.
 std::unique_ptr<HandledEvidence> focusedEditorEvidence(_XDisplay*, const FocusedText&);
+// The same, for an application that may insert a character beyond the BMP
+// ahead of earlier keys it has not handled yet; null for one that keeps the
+// order of its keys.
+std::unique_ptr<HandledEvidence> keyOrderEvidence(_XDisplay*, const FocusedText&);
 
 // The editor's evidence alone (what a window system without pings has);
 // null without an editor.

@@ -201,7 +201,7 @@ bool Typist::prepare(std::u32string_view text) {
     if (!claim_.take(kClaimPatience)) return false;
     load();
     if (!order_ && std::any_of(text.begin(), text.end(), [](char32_t c) { return c > 0xFFFF; }))
-        order_ = focusedEditorEvidence(display_, focusedText_);
+        order_ = keyOrderEvidence(display_, focusedText_);
     for (char32_t c : text) {
         KeySym keysym = keysymForCharacter(c);
         if (keysym == NoSymbol || layoutStroke(keysym)) continue;
@@ -224,16 +224,15 @@ void Typist::type(std::u32string_view text) {
         if (keysym == NoSymbol) continue;
         // LibreOffice inserts a character beyond the BMP (two UTF-16 units
         // from its input method) as soon as its key arrives, ahead of
-        // earlier keys it has not handled yet; so such a key waits until
-        // the application has handled every key before it.
+        // earlier keys it has not handled yet; so in any application not
+        // known to keep the order of keys (browsers do) such a key waits
+        // until the application has handled every key before it.
         // The application answering a ping is not enough: its key events
         // may still wait in its own queue. The editor must show them.
-        if (c > 0xFFFF && (keysSinceWait_ || !queued_.empty())) {
+        if (c > 0xFFFF && order_ && (keysSinceWait_ || !queued_.empty())) {
             flush();
-            if (order_) {
-                order_->sent(++orderBatch_);
-                order_->waitFor(orderBatch_);
-            }
+            order_->sent(++orderBatch_);
+            order_->waitFor(orderBatch_);
             keysSinceWait_ = false;
         }
         std::optional<KeyStroke> stroke = strokeFor(keysym);
