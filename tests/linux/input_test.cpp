@@ -1,5 +1,5 @@
 // The parts of the XTest input side that need no X server: how spare
-// keycodes are lent, the record of them left on the server and what of it is
+// keycodes are lent and reassigned, the record of them left on the server and what of it is
 // given back, how key events become X chords, how pixels become wheel steps
 // and which keysym types a character. The rest is exercised against a real
 // desktop by the end-to-end tests.
@@ -16,22 +16,51 @@
 namespace quorvel::linux_backend {
 namespace {
 
-// A keycode whose last use the application has not confirmed is never lent
-// again; of the others, the least recently used goes first.
-TEST(SpareKeys, LendsTheLeastRecentlyUsedConfirmedKeycode) {
-    SpareKeys keys({93, 97, 103});
-    keys.lease(0x100, 1, 0);  // 93
-    keys.lease(0x101, 2, 0);  // 97
-    keys.lease(0x102, 3, 0);  // 103
-    keys.lease(0x100, 4, 0);  // 93 used again, so 97 is now the oldest
-    auto lease = keys.lease(0x103, 5, 4);
-    ASSERT_TRUE(lease);
-    EXPECT_EQ(lease->keycode, 97u);
-    // Only the batches up to 2 are confirmed: 97 (batch 5 now) and 103
-    // (batch 3) are awaited, 93 (batch 4) too.
-    EXPECT_FALSE(keys.lease(0x104, 6, 2));
-    EXPECT_EQ(keys.oldestAwaited(2), 3u);
-    EXPECT_EQ(keys.newestUse(), 5u);
+// Room is made for the characters the text needs next, all in one change:
+// slots that hold one of them keep it, a slot whose last use the
+// application has not confirmed keeps its character, and of the others the
+// empty ones go first, then the least recently used.
+TEST(SpareKeys, ReassignsConfirmedSlotsToTheCharactersNeededNext) {
+    SpareKeys keys({93, 97, 103, 107});
+    keys.lease(0x100, 1);  // 93
+    keys.lease(0x101, 2);  // 97
+    keys.lease(0x102, 3);  // 103
+    keys.lease(0x100, 4);  // 93 used again, so 97 is now the oldest
+    ASSERT_TRUE(keys.lease(0x103, 5));  // 107, the empty one
+    EXPECT_FALSE(keys.lease(0x104, 5)) << "every slot holds a character";
+
+    struct {
+        std::vector<SpareKeys::Keysym> wanted;
+        SpareKeys::Batch confirmed;
+        std::vector<SpareKeys::Keycode> changed;
+    } rounds[] = {
+        // Nothing confirmed: no slot is free.
+        {{0x104, 0x105}, 0, {}},
+        // Up to batch 4: 97 (batch 2) goes before 103 (batch 3); 93 and
+        // 107 serve later batches.
+        {{0x104}, 4, {97}},
+        // 0x104 is held already and 0x100 too (on 93): only 0x106 moves in,
+        // into 103, the only confirmed slot not wanted.
+        {{0x104, 0x100, 0x106, 0x107}, 4, {103}},
+        // Everything confirmed: the slots of unwanted characters, those
+        // filled and never used since first, then the oldest; what does not
+        // fit waits for the next round.
+        {{0x108, 0x109, 0x10a, 0x10b, 0x10c}, 5, {97, 103, 93, 107}},
+    };
+    for (const auto& round : rounds)
+        EXPECT_EQ(keys.reassign(round.wanted, round.confirmed), round.changed)
+            << round.confirmed;
+    for (SpareKeys::Keysym keysym : {0x108, 0x109, 0x10a, 0x10b}) {
+        auto lease = keys.lease(keysym, 6);
+        ASSERT_TRUE(lease) << keysym;
+        EXPECT_FALSE(lease->remap) << keysym;
+    }
+    EXPECT_FALSE(keys.lease(0x10c, 6));
+    EXPECT_EQ(keys.newestUse(), 6u);
+    // Only as many characters as there are slots are needed soon: 0x108
+    // comes fifth, so its slot (97) makes room too.
+    EXPECT_EQ(keys.reassign({0x10c, 0x10d, 0x10e, 0x10f, 0x108}, 6),
+              (std::vector<SpareKeys::Keycode>{93, 97, 103, 107}));
 }
 
 TEST(SpareKeys, LendsPlainLevelsFirstAndEachLevelOnItsOwn) {
@@ -42,19 +71,20 @@ TEST(SpareKeys, LendsPlainLevelsFirstAndEachLevelOnItsOwn) {
         int level;
     } expected[] = {{0x100, 93, 0}, {0x101, 97, 0}, {0x102, 93, 1}, {0x103, 97, 1}};
     for (const auto& e : expected) {
-        auto lease = keys.lease(e.keysym, 1, 0);
+        auto lease = keys.lease(e.keysym, 1);
         ASSERT_TRUE(lease);
         EXPECT_EQ(lease->keycode, e.keycode);
         EXPECT_EQ(lease->level, e.level);
     }
-    EXPECT_FALSE(keys.lease(0x104, 1, 0));
+    EXPECT_FALSE(keys.lease(0x104, 1));
     EXPECT_EQ(keys.levels(93), (std::vector<SpareKeys::Keysym>{0x100, 0x102}));
 
     // 93's plain level serves batch 2 as well; once batch 1 is confirmed,
     // 97's plain level is the oldest free one, and 97's Shift level keeps
     // its keysym.
-    keys.lease(0x100, 2, 1);
-    auto lease = keys.lease(0x105, 2, 1);
+    keys.lease(0x100, 2);
+    EXPECT_EQ(keys.reassign({0x105}, 1), (std::vector<SpareKeys::Keycode>{97}));
+    auto lease = keys.lease(0x105, 2);
     ASSERT_TRUE(lease);
     EXPECT_EQ(lease->keycode, 97u);
     EXPECT_EQ(lease->level, 0);
@@ -72,14 +102,13 @@ TEST(SpareKeys, ReservedKeysymsStayUntilEveryEmptySlotIsTaken) {
     EXPECT_EQ(again->keycode, reserved->keycode);
     EXPECT_FALSE(again->remap);
     // A reserved slot awaits nothing...
-    EXPECT_EQ(keys.oldestAwaited(0), 0u);
     EXPECT_EQ(keys.newestUse(), 0u);
     // ...and a character that was not reserved takes an empty slot rather
     // than the reserved one, which then types without a remap.
-    auto other = keys.lease(0x101, 1, 0);
+    auto other = keys.lease(0x101, 1);
     ASSERT_TRUE(other);
     EXPECT_NE(other->keycode, reserved->keycode);
-    auto use = keys.lease(0x100, 1, 0);
+    auto use = keys.lease(0x100, 1);
     ASSERT_TRUE(use);
     EXPECT_EQ(use->keycode, reserved->keycode);
     EXPECT_FALSE(use->remap);

@@ -12,25 +12,51 @@ SpareKeys::SpareKeys(std::vector<Keycode> keycodes, int levels) : levels_(levels
         for (Keycode keycode : keycodes) slots_.push_back({keycode, level});
 }
 
-std::optional<SpareKeys::Lease> SpareKeys::lease(Keysym keysym, Batch batch, Batch confirmed) {
+std::optional<SpareKeys::Lease> SpareKeys::lease(Keysym keysym, Batch batch) {
     for (Slot& slot : slots_) {
         if (slot.keysym == keysym) {
             slot.lastUse = batch;
             return Lease{slot.keycode, slot.level, false};
         }
     }
-    // An empty slot first, so that characters put there ahead of their use
-    // stay; then the least recently used.
-    auto order = [](const Slot& slot) { return std::pair(slot.keysym != 0, slot.lastUse); };
-    Slot* pick = nullptr;
     for (Slot& slot : slots_) {
-        if (slot.lastUse > confirmed) continue;  // still awaited
-        if (!pick || order(slot) < order(*pick)) pick = &slot;
+        if (slot.keysym != 0) continue;
+        slot.keysym = keysym;
+        slot.lastUse = batch;
+        return Lease{slot.keycode, slot.level, true};
     }
-    if (!pick) return std::nullopt;
-    pick->keysym = keysym;
-    pick->lastUse = batch;
-    return Lease{pick->keycode, pick->level, true};
+    return std::nullopt;
+}
+
+std::vector<SpareKeys::Keycode> SpareKeys::reassign(const std::vector<Keysym>& wanted,
+                                                    Batch confirmed) {
+    // Only as many characters as there are slots count as needed soon: a
+    // slot whose character is needed only after them is free.
+    auto soon = wanted.begin() + static_cast<std::ptrdiff_t>(std::min(wanted.size(), slots_.size()));
+    auto isWanted = [&](Keysym keysym) {
+        return keysym != 0 && std::find(wanted.begin(), soon, keysym) != soon;
+    };
+    // Empty slots first, then the least recently used.
+    std::vector<Slot*> free;
+    for (Slot& slot : slots_)
+        if (slot.lastUse <= confirmed && !isWanted(slot.keysym)) free.push_back(&slot);
+    std::stable_sort(free.begin(), free.end(), [](const Slot* a, const Slot* b) {
+        return std::pair(a->keysym != 0, a->lastUse) < std::pair(b->keysym != 0, b->lastUse);
+    });
+    std::vector<Keycode> changed;
+    auto next = free.begin();
+    for (auto keysym = wanted.begin(); keysym != soon; ++keysym) {
+        if (next == free.end()) break;
+        bool held = std::any_of(slots_.begin(), slots_.end(),
+                                [&](const Slot& slot) { return slot.keysym == *keysym; });
+        if (held || *keysym == 0) continue;
+        Slot& slot = **next++;
+        slot.keysym = *keysym;
+        slot.lastUse = 0;  // awaits nothing until it is used
+        if (std::find(changed.begin(), changed.end(), slot.keycode) == changed.end())
+            changed.push_back(slot.keycode);
+    }
+    return changed;
 }
 
 std::optional<SpareKeys::Lease> SpareKeys::reserve(Keysym keysym) {
@@ -42,14 +68,6 @@ std::optional<SpareKeys::Lease> SpareKeys::reserve(Keysym keysym) {
         return Lease{slot.keycode, slot.level, true};
     }
     return std::nullopt;
-}
-
-SpareKeys::Batch SpareKeys::oldestAwaited(Batch confirmed) const {
-    Batch oldest = 0;
-    for (const Slot& slot : slots_)
-        if (slot.lastUse > confirmed && (oldest == 0 || slot.lastUse < oldest))
-            oldest = slot.lastUse;
-    return oldest;
 }
 
 SpareKeys::Batch SpareKeys::newestUse() const {

@@ -33,18 +33,22 @@ public:
         int level;   // 0 plain, 1 with Shift
         bool remap;  // the keycode must be given `keysym` before it is pressed
     };
-    // The keycode that types `keysym` in `batch`. A keycode already holding
-    // it is used again; otherwise an empty slot, or else the least recently
-    // used one whose uses are all confirmed, is lent. Nothing when every keycode is still awaited.
-    std::optional<Lease> lease(Keysym keysym, Batch batch, Batch confirmed);
+    // The keycode that types `keysym` in `batch`: the slot that holds it, or
+    // else an empty one. Nothing when every slot holds another character:
+    // then `reassign` makes room.
+    std::optional<Lease> lease(Keysym keysym, Batch batch);
+    // Makes room for the characters that the text needs next, `wanted`
+    // (distinct, in order of need), in one change of the mapping: of the
+    // first as many as there are slots, those held keep their slots, and
+    // the rest go to the other slots whose uses are all confirmed (empty
+    // ones, then the least recently used), as far as they go.
+    // The keycodes whose keysyms changed.
+    std::vector<Keycode> reassign(const std::vector<Keysym>& wanted, Batch confirmed);
     // Puts `keysym` on an empty slot ahead of its use, unless a slot holds
     // it already. Nothing when every slot holds a character. A reserved slot
     // counts as unused: it awaits nothing.
     std::optional<Lease> reserve(Keysym keysym);
 
-    // The oldest unconfirmed batch that uses a keycode: once it is
-    // confirmed, a keycode is free again. 0 when none is awaited.
-    Batch oldestAwaited(Batch confirmed) const;
     // The newest batch that used any keycode (0 when none was ever lent).
     Batch newestUse() const;
     // The keycodes that hold a character now, so that they can be restored.

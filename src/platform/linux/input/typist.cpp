@@ -122,15 +122,10 @@ std::optional<KeyStroke> Typist::strokeFor(KeySym keysym) {
     if (!spare_.available() || !claim_.take(kClaimPatience)) return std::nullopt;
     if (!evidence_) evidence_ = focusedApplicationEvidence(display_, focusedText_);
 
-    auto lease = spare_.lease(keysym, batch_, confirmed());
+    auto lease = spare_.lease(keysym, batch_);
     if (!lease) {
-        // Every spare keycode still serves events the application has not
-        // handled: send what is queued, close the batch and wait for the
-        // oldest of them.
-        flush();
-        endBatch();
-        waitFor(spare_.oldestAwaited(confirmed()));
-        lease = spare_.lease(keysym, batch_, confirmed());
+        reassign(keysym);
+        lease = spare_.lease(keysym, batch_);
         if (!lease) return std::nullopt;
     }
     auto keycode = static_cast<KeyCode>(lease->keycode);
@@ -138,6 +133,30 @@ std::optional<KeyStroke> Typist::strokeFor(KeySym keysym) {
         remaps_.push_back(keycode);
     batchUsedSpare_ = true;
     return KeyStroke{keycode, lease->level == 1};
+}
+
+void Typist::reassign(KeySym keysym) {
+    // Every slot holds a character. Once the application has handled every
+    // key sent so far, no slot serves an unhandled event, and the characters
+    // the text needs next all move in at once: a browser reloads a changed
+    // mapping at a cost, and falls behind, typing keys with the mapping
+    // before, when changes come one after another.
+    flush();
+    endBatch();
+    waitFor(batch_ - 1);
+    std::vector<SpareKeys::Keysym> wanted{keysym};
+    for (size_t i = aheadAt_; i < ahead_.size(); ++i)
+        if (std::find(wanted.begin(), wanted.end(), ahead_[i]) == wanted.end())
+            wanted.push_back(ahead_[i]);
+    for (SpareKeys::Keycode keycode : spare_.reassign(wanted, confirmed()))
+        remaps_.push_back(static_cast<KeyCode>(keycode));
+    if (remaps_.empty()) return;
+    flush();
+    // The keys that use the new mapping follow only once the application
+    // has taken in the change: its answer to a ping sent after it.
+    batchUsedSpare_ = true;
+    endBatch();
+    waitFor(batch_ - 1);
 }
 
 void Typist::flush() {
@@ -202,11 +221,16 @@ bool Typist::prepare(std::u32string_view text) {
     load();
     if (!order_ && std::any_of(text.begin(), text.end(), [](char32_t c) { return c > 0xFFFF; }))
         order_ = keyOrderEvidence(display_, focusedText_);
+    ahead_.clear();
+    aheadAt_ = 0;
     for (char32_t c : text) {
         KeySym keysym = keysymForCharacter(c);
         if (keysym == NoSymbol || layoutStroke(keysym)) continue;
+        ahead_.push_back(keysym);
+    }
+    for (KeySym keysym : ahead_) {
         std::optional<SpareKeys::Lease> lease = spare_.reserve(keysym);
-        if (!lease) break;  // no empty slot left: the rest is lent as it comes
+        if (!lease) break;  // no empty slot left: the rest moves in as room is made
         auto keycode = static_cast<KeyCode>(lease->keycode);
         if (lease->remap && std::find(remaps_.begin(), remaps_.end(), keycode) == remaps_.end())
             remaps_.push_back(keycode);
@@ -236,6 +260,7 @@ void Typist::type(std::u32string_view text) {
             keysSinceWait_ = false;
         }
         std::optional<KeyStroke> stroke = strokeFor(keysym);
+        if (aheadAt_ < ahead_.size() && ahead_[aheadAt_] == keysym) ++aheadAt_;
         if (!stroke) continue;
         if (order_) order_->typed(c);
         queued_.push_back(*stroke);

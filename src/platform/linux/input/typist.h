@@ -92,6 +92,7 @@ public:
 
 private:
     void load();
+    void reassign(KeySym keysym);
     HandledEvidence::Batch confirmed();
     void waitFor(HandledEvidence::Batch batch);
 
@@ -106,6 +107,10 @@ private:
     std::vector<RecordedKey> recorded_;  // what the claim's record says
     SpareKeys spare_{{}};
     std::vector<KeyCode> remaps_;  // keycodes whose new keysyms are not sent yet
+    // The characters of the prepared text that need spare keycodes, in
+    // order, and how many of them have been typed.
+    std::vector<KeySym> ahead_;
+    size_t aheadAt_ = 0;
     std::vector<KeyStroke> queued_;                   // not pressed yet
     std::unique_ptr<HandledEvidence> evidence_;
     HandledEvidence::Batch batch_ = 1;    // the batch being sent
