@@ -108,6 +108,15 @@ addEventListener("scroll", () => {
 // Mixed Unicode: accented Latin, Greek, CJK, emoji beyond the BMP,
 // punctuation.
 const std::string kMixed = "Grüße, café — Ελληνικά 漢字テスト 😀🚀 done";
+// Far more distinct characters that no layout has than a keyboard has spare
+// keycodes for, twice over: keycodes get new characters while the text is
+// typed, and the first ones come back for the second round.
+const std::string kManyDistinct = [] {
+    std::string round =
+        "αβγδεζηθικλμνξοπρστυφχψω абвгдежзийклмнопрстуфхцчшщъыьэюя "
+        "漢字日本語中文東京書雨花海山川木林森火水金土月星空風雪春夏秋冬 😀🚀🎉🌍✨👍🍕🐍\n";
+    return round + round;
+}();
 
 struct Browser {
     const char* name;   // for launch-app, and the test's name
@@ -261,15 +270,15 @@ TEST_P(WebPages, AreObservedAndOperatedAsTheirListenersSeeIt) {
         EXPECT_NE(visible.find(text), std::string::npos) << text << " in " << visible.substr(0, 400);
     const Json& scope = page["scope"];
 
-    // "type_into" the textarea, two lines of mixed Unicode after the text:
-    // the field and the page's listeners have it exactly.
-    std::string notes = "Notes text" + kMixed + "\nsecond ✓ line";
+    // "type_into" the textarea, lines of mixed Unicode after the text: the
+    // field and the page's listeners have it exactly.
+    std::string notes = "Notes text" + kMixed + "\n" + kManyDistinct + "second ✓ line";
     Json area = editor(page, "AXTextArea", "Notes text");
     focus(scope, area, "Notes text");
     // "type_into" clicks again: after the double-click time, so that it
     // selects nothing, and then types where the caret is, at the end.
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    Json into = typing(kMixed + "\nsecond ✓ line", "Notes text");
+    Json into = typing(kMixed + "\n" + kManyDistinct + "second ✓ line", "Notes text");
     into["kind"] = "type_into";
     into["x"] = area["bounds"]["x"].get<double>() + area["bounds"]["width"].get<double>() - 8;
     into["y"] = area["bounds"]["y"].get<double>() + area["bounds"]["height"].get<double>() - 8;
