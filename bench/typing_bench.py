@@ -137,7 +137,9 @@ class Page:
         if line != "focus notes":
             return
         observation = self.bridge.observe()
-        b = self.area["bounds"]
+        # Placed where it is now: Firefox lists the field before laying out
+        # its page, so the first bounds seen may be old ones.
+        b = (self.textarea(observation) or self.area)["bounds"]
         scope = observation["scope"]
         act = lambda action: self.bridge.run({"version": 1, "operation": "act", "scope": scope,
                                               "action": action})
