@@ -160,26 +160,6 @@ void activate(unsigned long window) {
     XCloseDisplay(display);
 }
 
-// The frame of the scope's window as the X server has it: the child of the
-// root that holds the client.
-Json frameOf(const Json& scope) {
-    Display* display = XOpenDisplay(nullptr);
-    if (!display) return nullptr;
-    ::Window window = scope["window_id"].get<unsigned long>(), root, parent, *children;
-    unsigned int count;
-    while (XQueryTree(display, window, &root, &parent, &children, &count)) {
-        if (children) XFree(children);
-        if (parent == root) break;
-        window = parent;
-    }
-    XWindowAttributes frame;
-    XGetWindowAttributes(display, window, &frame);
-    XCloseDisplay(display);
-    int border = 2 * frame.border_width;
-    return {{"x", frame.x}, {"y", frame.y}, {"width", frame.width + border},
-            {"height", frame.height + border}};
-}
-
 bool inside(const Json& inner, const Json& outer) {
     double x = inner["x"], y = inner["y"], w = inner["width"], h = inner["height"];
     double X = outer["x"], Y = outer["y"], W = outer["width"], H = outer["height"];
@@ -320,12 +300,12 @@ TEST_P(Applications, AreObservedAndOperated) {
     if (*app.scale) {
         // Logical pixels are whole numbers: a scaled window's frame is off
         // by less than the scale, as the window list's match allows.
-        Json frame = frameOf(scope);
+        Json frame = windowBounds(scope["window_id"]);
         for (const char* key : {"x", "y", "width", "height"})
             EXPECT_LT(std::fabs(scope["bounds"][key].get<double>() - frame[key].get<double>()), 2)
                 << key << " " << scope["bounds"].dump() << " " << frame.dump();
     } else {
-        EXPECT_EQ(scope["bounds"], frameOf(scope));
+        EXPECT_EQ(scope["bounds"], windowBounds(scope["window_id"]));
     }
     EXPECT_EQ(result["nodes"][0]["bounds"], scope["bounds"]);
     std::string visibleText = result["context"]["visible_text"];

@@ -30,24 +30,6 @@ constexpr unsigned kLeftButton = 1;
 constexpr unsigned kWheelUp = 4;
 constexpr unsigned kWheelDown = 5;
 
-struct InputEvent final : EventObject {
-    enum class Kind { Key, Mouse, Scroll } kind;
-    explicit InputEvent(Kind k) : kind(k) {}
-    // Key events; a text event carries its characters in `text`.
-    std::uint16_t virtualKey = 0;
-    bool down = false;
-    EventFlags flags = 0;
-    bool hasText = false;
-    std::u32string text;
-    // Mouse events.
-    Point at;
-    // Scroll events: pixels, and what one step scrolls.
-    std::int32_t wheel = 0;
-    int pixelsPerStep = kPixelsPerWheelStep;
-};
-
-InputEvent* ours(EventObject& event) { return dynamic_cast<InputEvent*>(&event); }
-
 }  // namespace
 
 struct XInput::Connection {
@@ -120,39 +102,25 @@ std::optional<Point> XInput::pointerLocation() {
 
 Event XInput::createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) {
     if (!connect() || !chordFor(virtualKey, 0)) return nullptr;
-    auto event = std::make_unique<InputEvent>(InputEvent::Kind::Key);
-    event->virtualKey = virtualKey;
-    event->down = keyDown;
-    return event;
+    return keyEvent(virtualKey, keyDown);
 }
 
 Event XInput::createMouseEvent(MouseEventType type, Point location, MouseButton button) {
     if (!connect() || button != MouseButton::Left) return nullptr;
-    auto event = std::make_unique<InputEvent>(InputEvent::Kind::Mouse);
-    event->down = type == MouseEventType::LeftMouseDown;
-    event->at = location;
-    return event;
+    return mouseEvent(type, location);
 }
 
 Event XInput::createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
                                      std::int32_t, std::int32_t, int pixelsPerStep) {
     // The core scrolls by pixels only.
     if (!connect() || unit != ScrollUnit::Pixel || wheelCount < 1) return nullptr;
-    auto event = std::make_unique<InputEvent>(InputEvent::Kind::Scroll);
-    event->wheel = wheel1;
-    event->pixelsPerStep = pixelsPerStep;
-    return event;
+    return scrollEvent(wheel1, pixelsPerStep);
 }
 
-void XInput::setFlags(EventObject& event, EventFlags flags) {
-    if (InputEvent* input = ours(event)) input->flags = flags;
-}
+void XInput::setFlags(EventObject& event, EventFlags flags) { setEventFlags(event, flags); }
 
 void XInput::setUnicodeString(EventObject& event, std::span<const char16_t> text) {
-    if (InputEvent* input = ours(event); input && input->kind == InputEvent::Kind::Key) {
-        input->hasText = true;
-        input->text = scalars(std::u16string_view(text.data(), text.size()));
-    }
+    setEventText(event, text);
 }
 
 // X has no click-state field: a toolkit counts a press that follows another

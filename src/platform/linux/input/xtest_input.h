@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "platform/linux/input/editor_text.h"
+#include "platform/linux/input/input_event.h"
 #include "platform/platform.h"
 
 namespace quorvel::linux_backend {
@@ -35,9 +36,7 @@ namespace quorvel::linux_backend {
 class Typist;
 
 // The number of wheel steps for a scroll of `pixels` (sign ignored), where
-// one step scrolls `pixelsPerStep`: rounded, at least one. One step scrolls
-// GTK and most toolkits by a few lines, about 50 pixels.
-constexpr int kPixelsPerWheelStep = 50;
+// one step scrolls `pixelsPerStep`: rounded, at least one.
 int wheelSteps(std::int32_t pixels, int pixelsPerStep = kPixelsPerWheelStep);
 
 // What a key event becomes on X: the key's keysym and the modifiers to hold.

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "platform/linux/input/input_event.h"
 #include "platform/linux/input/xtest_input.h"
 #include "platform/linux/wayland/connection.h"
 #include "platform/linux/wayland/keyboard.h"
@@ -21,22 +22,6 @@ namespace {
 
 using wayland::Connection;
 using wayland::SwayWindow;
-
-struct InputEvent final : EventObject {
-    enum class Kind { Key, Mouse, Scroll } kind;
-    explicit InputEvent(Kind k) : kind(k) {}
-    std::uint16_t virtualKey = 0;
-    bool down = false;
-    EventFlags flags = 0;
-    bool hasText = false;
-    std::u32string text;
-    Point at;
-    // Scroll events: pixels, and what one step scrolls.
-    std::int32_t wheel = 0;
-    int pixelsPerStep = kPixelsPerWheelStep;
-};
-
-InputEvent* ours(EventObject& event) { return dynamic_cast<InputEvent*>(&event); }
 
 // How long a text waits for another bridge to finish typing, as on X.
 constexpr std::chrono::seconds kClaimPatience{5};
@@ -108,34 +93,20 @@ public:
     }
     Event createKeyboardEvent(std::uint16_t virtualKey, bool keyDown) override {
         if (!keyboard_.available() || !chordFor(virtualKey, 0)) return nullptr;
-        auto event = std::make_unique<InputEvent>(InputEvent::Kind::Key);
-        event->virtualKey = virtualKey;
-        event->down = keyDown;
-        return event;
+        return keyEvent(virtualKey, keyDown);
     }
     Event createMouseEvent(MouseEventType type, Point location, MouseButton button) override {
         if (!pointer_.available() || button != MouseButton::Left) return nullptr;
-        auto event = std::make_unique<InputEvent>(InputEvent::Kind::Mouse);
-        event->down = type == MouseEventType::LeftMouseDown;
-        event->at = location;
-        return event;
+        return mouseEvent(type, location);
     }
     Event createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCount, std::int32_t wheel1,
                                  std::int32_t, std::int32_t, int pixelsPerStep) override {
         if (!pointer_.available() || unit != ScrollUnit::Pixel || wheelCount < 1) return nullptr;
-        auto event = std::make_unique<InputEvent>(InputEvent::Kind::Scroll);
-        event->wheel = wheel1;
-        event->pixelsPerStep = pixelsPerStep;
-        return event;
+        return scrollEvent(wheel1, pixelsPerStep);
     }
-    void setFlags(EventObject& event, EventFlags flags) override {
-        if (InputEvent* input = ours(event)) input->flags = flags;
-    }
+    void setFlags(EventObject& event, EventFlags flags) override { setEventFlags(event, flags); }
     void setUnicodeString(EventObject& event, std::span<const char16_t> text) override {
-        if (InputEvent* input = ours(event); input && input->kind == InputEvent::Kind::Key) {
-            input->hasText = true;
-            input->text = scalars(std::u16string_view(text.data(), text.size()));
-        }
+        setEventText(event, text);
     }
     // Toolkits count a second press on the same spot within their
     // double-click time as a double click, as on X.
