@@ -306,6 +306,23 @@ void moveWindow(std::uint32_t windowId, int dx, int dy) {
            std::to_string(dy));
 }
 
+void activateWindow(std::uint32_t windowId) {
+    if (onWayland()) {
+        output("swaymsg '[con_id=" + std::to_string(windowId) + "]' focus");
+        return;
+    }
+    Display* x11 = display();
+    XEvent event{};
+    event.xclient.type = ClientMessage;
+    event.xclient.window = windowId;
+    event.xclient.message_type = XInternAtom(x11, "_NET_ACTIVE_WINDOW", False);
+    event.xclient.format = 32;
+    event.xclient.data.l[0] = 2;  // from a pager: honoured at once
+    XSendEvent(x11, DefaultRootWindow(x11), False,
+               SubstructureRedirectMask | SubstructureNotifyMask, &event);
+    XSync(x11, False);
+}
+
 std::vector<unsigned long> keyboardMapping() {
     Display* x11 = display();
     int first = 0, last = 0, perKeycode = 0;

@@ -108,6 +108,8 @@ std::pair<int, int> pointerPosition();
 Json windowBounds(std::uint32_t windowId);
 // Moves window `windowId` by dx, dy.
 void moveWindow(std::uint32_t windowId, int dx, int dy);
+// Asks the window manager to bring window `windowId` forward.
+void activateWindow(std::uint32_t windowId);
 // Every keycode's keysyms, to compare the X mapping before and after.
 std::vector<unsigned long> keyboardMapping();
 // Whether the root window has the property `name`.
