@@ -1,5 +1,7 @@
 #include "platform/linux/window_placement.h"
 
+#include "platform/linux/window_identity.h"
+
 #include <vector>
 
 namespace quorvel::linux_backend {
@@ -32,9 +34,12 @@ void WindowPlacement::settle() {
     }
     std::optional<Accessibility::TopLevel> facts = accessibility_.topLevel(topLevel_);
     // A toolkit that names no window (GTK 3 with a header bar) says nothing
-    // against it; a name of another window does.
-    if (!facts || !facts->extents || (facts->name && !facts->name->empty() &&
-                                      *facts->name != window->title))
+    // against it; a name of another window does. The unsaved-changes marker
+    // is no part of a name: the toolkit and the compositor learn of it at
+    // different moments, the first key typed into a new document away.
+    if (!facts || !facts->extents ||
+        (facts->name && !facts->name->empty() &&
+         windowTitle(*facts->name) != windowTitle(window->title)))
         return;
     const Extents& e = *facts->extents;
     Rect topLevel{static_cast<double>(e.x), static_cast<double>(e.y),
