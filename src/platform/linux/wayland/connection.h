@@ -97,4 +97,12 @@ private:
     std::vector<std::unique_ptr<Output>> outputs_;
 };
 
+// The time the virtual devices stamp on their events: milliseconds of a
+// clock that never goes back, as the protocols ask.
+inline std::uint32_t eventTime() {
+    using namespace std::chrono;
+    return static_cast<std::uint32_t>(
+        duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
+}
+
 }  // namespace quorvel::linux_backend::wayland

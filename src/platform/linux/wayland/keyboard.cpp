@@ -21,12 +21,6 @@ namespace {
 // one to three seconds.
 constexpr std::chrono::milliseconds kBlindPause{1500};
 
-std::uint32_t milliseconds() {
-    using namespace std::chrono;
-    return static_cast<std::uint32_t>(
-        duration_cast<std::chrono::milliseconds>(steady_clock::now().time_since_epoch()).count());
-}
-
 }  // namespace
 
 Keyboard::Keyboard(Connection& connection, FocusedText focusedText,
@@ -85,7 +79,7 @@ std::uint32_t Keyboard::keycodeFor(Keysym keysym, std::u32string_view ahead) {
 }
 
 void Keyboard::key(std::uint32_t keycode, bool pressed) {
-    zwp_virtual_keyboard_v1_key(keyboard_, milliseconds(), keycode - 8,
+    zwp_virtual_keyboard_v1_key(keyboard_, eventTime(), keycode - 8,
                                 pressed ? WL_KEYBOARD_KEY_STATE_PRESSED
                                         : WL_KEYBOARD_KEY_STATE_RELEASED);
 }

@@ -24,12 +24,6 @@ constexpr double kWheelStepValue = 10;
 // How long the pointer probe waits for the pointer to enter its overlay.
 constexpr std::chrono::milliseconds kProbePatience{500};
 
-std::uint32_t milliseconds() {
-    using namespace std::chrono;
-    return static_cast<std::uint32_t>(
-        duration_cast<std::chrono::milliseconds>(steady_clock::now().time_since_epoch()).count());
-}
-
 }  // namespace
 
 Pointer::~Pointer() {
@@ -59,7 +53,7 @@ void Pointer::moveTo(Point point) {
         double units = std::round((value - origin) * kUnitsPerPixel);
         return static_cast<std::uint32_t>(std::clamp(units, 0.0, size * kUnitsPerPixel));
     };
-    zwlr_virtual_pointer_v1_motion_absolute(pointer_, milliseconds(),
+    zwlr_virtual_pointer_v1_motion_absolute(pointer_, eventTime(),
                                             along(point.x, layout.x, layout.width),
                                             along(point.y, layout.y, layout.height),
                                             extent(layout.width), extent(layout.height));
@@ -69,7 +63,7 @@ void Pointer::moveTo(Point point) {
 
 void Pointer::button(bool pressed) {
     if (!available()) return;
-    zwlr_virtual_pointer_v1_button(pointer_, milliseconds(), BTN_LEFT,
+    zwlr_virtual_pointer_v1_button(pointer_, eventTime(), BTN_LEFT,
                                    pressed ? WL_POINTER_BUTTON_STATE_PRESSED
                                            : WL_POINTER_BUTTON_STATE_RELEASED);
     zwlr_virtual_pointer_v1_frame(pointer_);
@@ -83,7 +77,7 @@ void Pointer::wheel(int steps, bool up) {
     int direction = up ? -1 : 1;
     for (int i = 0; i < steps; ++i) {
         zwlr_virtual_pointer_v1_axis_source(pointer_, WL_POINTER_AXIS_SOURCE_WHEEL);
-        zwlr_virtual_pointer_v1_axis_discrete(pointer_, milliseconds(),
+        zwlr_virtual_pointer_v1_axis_discrete(pointer_, eventTime(),
                                               WL_POINTER_AXIS_VERTICAL_SCROLL,
                                               wl_fixed_from_double(direction * kWheelStepValue),
                                               direction);
