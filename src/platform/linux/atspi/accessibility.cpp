@@ -1,6 +1,7 @@
 #include "platform/linux/atspi/accessibility.h"
 
-#include <atspi/atspi.h>
+#include <atspi/atspi-constants.h>
+#include <dbus/dbus.h>
 
 #include <cctype>
 #include <climits>
@@ -111,7 +112,7 @@ const Accessibility::ApplicationFacts& Accessibility::applicationFacts(const std
                                                                       bool retry) {
     auto known = applications_.find(bus);
     if (known != applications_.end() && (known->second.answered || !retry)) return known->second;
-    DBusConnection* connection = atspi_get_a11y_bus();
+    DBusConnection* connection = bus_.get();
     CallBatch batch(connection, timeoutMs_);
     size_t address = batch.add(applicationBusAddressCall(bus));
     size_t toolkit = batch.add(applicationPropertyCall(bus, "ToolkitName"));
@@ -163,14 +164,9 @@ bool Accessibility::connect() {
     connectAttempted_ = true;
     std::optional<std::string> address = accessibilityBusAddress(rootWindowAddress_, timeoutMs_);
     if (!address) return false;
-    // libatspi looks here first, so it never goes looking for a bus itself.
-    setenv("AT_SPI_BUS_ADDRESS", address->c_str(), 1);
-    if (atspi_init() > 1 || !atspi_get_a11y_bus()) return false;
-    // No start-up grace: an application that does not answer costs the
-    // time-out and no more, however recently it started.
-    atspi_set_timeout(timeoutMs_, -1);
-    connected_ = true;
-    return true;
+    bus_ = openBus(*address);
+    connected_ = bus_ != nullptr;
+    return connected_;
 }
 
 bool Accessibility::reachable() {
@@ -179,7 +175,7 @@ bool Accessibility::reachable() {
     if (reachable_) return true;
     if (!connect()) return false;
     reachable_ =
-        parseChildren(callAndWait(atspi_get_a11y_bus(), childrenCall(kRegistryRoot), timeoutMs_)
+        parseChildren(callAndWait(bus_.get(), childrenCall(kRegistryRoot), timeoutMs_)
                           .get())
             .has_value();
     return reachable_;
@@ -187,7 +183,7 @@ bool Accessibility::reachable() {
 
 std::optional<Accessibility::ChildReplies> Accessibility::askChildren(
     const ObjectRef& parent, Message (*ask)(const ObjectRef&), Message extra) {
-    DBusConnection* bus = atspi_get_a11y_bus();
+    DBusConnection* bus = bus_.get();
     const std::vector<ObjectRef>& known = children_.last(parent);
     CallBatch batch(bus, timeoutMs_);
     size_t list = batch.add(childrenCall(parent));
@@ -254,7 +250,7 @@ std::optional<std::string> Accessibility::applicationName(const Application& app
     if (!handle) return std::nullopt;
     std::optional<ObjectRef> ref = findApplication(handle->pid());
     if (!ref) return std::nullopt;
-    return LiveFacts(*ref, atspi_get_a11y_bus(), timeoutMs_).name();
+    return LiveFacts(*ref, bus_.get(), timeoutMs_).name();
 }
 
 Element Accessibility::applicationElement(std::int32_t pid) {
@@ -266,7 +262,6 @@ Element Accessibility::applicationElement(std::int32_t pid) {
 void Accessibility::setTimeout(float seconds) {
     if (!(seconds > 0)) return;
     timeoutMs_ = static_cast<int>(seconds * 1000);
-    if (connected_) atspi_set_timeout(timeoutMs_, -1);
 }
 
 AttributeRead Accessibility::focusedWindow(const AccessibleElement& application) {
@@ -286,7 +281,7 @@ AttributeRead Accessibility::focusedWindow(const AccessibleElement& application)
         ApplicationFacts& known = applications_[application.ref().bus];
         if (!known.windowAttributesAsked) {
             known.windowAttributesAsked = true;
-            callAndWait(atspi_get_a11y_bus(), attributesCall(windows->children[i]), timeoutMs_);
+            callAndWait(bus_.get(), attributesCall(windows->children[i]), timeoutMs_);
         }
         return {kAXErrorSuccess, elementFor(windows->children[i], AccessibleElement::Kind::TopLevel)};
     }
@@ -298,7 +293,7 @@ std::optional<Accessibility::TopLevel> Accessibility::topLevel(const Element& el
     if (!target || !connected_) return std::nullopt;
     const ObjectRef& ref = target->ref();
     const ApplicationFacts& application = applicationFacts(ref.bus);
-    CallBatch batch(atspi_get_a11y_bus(), timeoutMs_);
+    CallBatch batch(bus_.get(), timeoutMs_);
     size_t extents = batch.add(extentsCall(ref));
     size_t name = batch.add(nameCall(ref));
     size_t states = batch.add(stateCall(ref));
@@ -317,7 +312,7 @@ AttributeRead Accessibility::focusedElement(const AccessibleElement& application
     // windows are searched first. The window that was active last time is
     // asked for its focused descendant along with the list; the answer
     // serves if that window is still the first to search.
-    DBusConnection* bus = atspi_get_a11y_bus();
+    DBusConnection* bus = bus_.get();
     const ObjectRef& app = application.ref();
     auto known = lastActive_.find(app.bus);
     std::optional<ObjectRef> guess;
@@ -364,7 +359,7 @@ AttributeRead Accessibility::read(const Element& element, std::string_view attri
         return {kAXErrorNoValue, {}};
 
     bool timedOut = false;
-    LiveFacts live(ref, atspi_get_a11y_bus(), timeoutMs_, &timedOut, childRule(ref.bus));
+    LiveFacts live(ref, bus_.get(), timeoutMs_, &timedOut, childRule(ref.bus));
     AttributeRead result;
     if (std::unique_ptr<ElementFacts> cached = snapshot_ ? snapshot_->facts(ref, live) : nullptr)
         result = readAttribute(*cached, attribute);
@@ -383,7 +378,7 @@ AXError Accessibility::isSettable(const Element& element, std::string_view attri
     // Settable means the application offers to replace the whole text and
     // says the element is editable.
     ObjectRef ref = target->ref();
-    CallBatch batch(atspi_get_a11y_bus(), timeoutMs_);
+    CallBatch batch(bus_.get(), timeoutMs_);
     size_t interfaces = batch.add(interfacesCall(ref));
     size_t states = batch.add(stateCall(ref));
     batch.wait();
@@ -406,7 +401,7 @@ AXError Accessibility::setText(const Element& element, std::string_view attribut
     if (!target || !connected_) return kAXErrorCannotComplete;
     if (attribute != "AXValue") return kAXErrorAttributeUnsupported;
     const ObjectRef& ref = target->ref();
-    Message reply = callAndWait(atspi_get_a11y_bus(), setTextContentsCall(ref, text), timeoutMs_);
+    Message reply = callAndWait(bus_.get(), setTextContentsCall(ref, text), timeoutMs_);
     std::optional<bool> done = parseSetTextContents(reply.get());
     if (!done) return kAXErrorCannotComplete;
     return *done ? kAXErrorSuccess : kAXErrorFailure;
@@ -426,7 +421,7 @@ void Accessibility::beginTreeScan(const Element& root) {
     const AccessibleElement* target = atspi(root);
     if (!target || !connected_) return;
     const ObjectRef& ref = target->ref();
-    snapshot_ = std::make_unique<TreeSnapshot>(ref, atspi_get_a11y_bus(), linkTo(ref.bus),
+    snapshot_ = std::make_unique<TreeSnapshot>(ref, bus_.get(), linkTo(ref.bus),
                                                timeoutMs_, kMaxNodes, childRule(ref.bus));
     scanStalled_ = snapshot_->stalled();
 }
@@ -441,7 +436,7 @@ std::optional<ObjectRef> Accessibility::focusedText(std::int64_t pid) {
     if (pid <= 0 || pid > INT32_MAX) return std::nullopt;
     std::optional<ObjectRef> app = findApplication(static_cast<std::int32_t>(pid));
     if (!app) return std::nullopt;
-    DBusConnection* bus = atspi_get_a11y_bus();
+    DBusConnection* bus = bus_.get();
     auto matches = parseMatches(callAndWait(bus, focusedDescendantCall(*app), timeoutMs_).get());
     if (!matches || matches->empty()) return std::nullopt;
     // Focus may have moved to a password field since typing began.
@@ -472,13 +467,13 @@ Browser Accessibility::browser(std::int64_t pid) {
 
 std::optional<int> Accessibility::caretOffset(const ObjectRef& text) {
     if (!connected_) return std::nullopt;
-    Message reply = callAndWait(atspi_get_a11y_bus(), caretOffsetCall(text), timeoutMs_);
+    Message reply = callAndWait(bus_.get(), caretOffsetCall(text), timeoutMs_);
     return parseCaretOffset(reply.get());
 }
 
 std::optional<std::string> Accessibility::text(const ObjectRef& text, int start, int end) {
     if (!connected_) return std::nullopt;
-    Message reply = callAndWait(atspi_get_a11y_bus(), textCall(text, start, end), timeoutMs_);
+    Message reply = callAndWait(bus_.get(), textCall(text, start, end), timeoutMs_);
     return parseText(reply.get());
 }
 

@@ -1,6 +1,7 @@
 // The accessibility half of the Linux backend: the orchestrator of AT-SPI
-// reads. libatspi finds and opens the bus; every read is an AT-SPI method
-// call of our own (methods.h), sent with the others it does not depend on.
+// reads. Every read is an AT-SPI method call of our own (methods.h), sent
+// with the others it does not depend on, over our own connection to the
+// accessibility bus (bus.h).
 #pragma once
 
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include <string_view>
 
 #include "platform/linux/atspi/accessible_element.h"
+#include "platform/linux/atspi/bus.h"
 #include "platform/linux/atspi/child_filter.h"
 #include "platform/linux/atspi/child_lists.h"
 #include "platform/linux/atspi/message.h"
@@ -148,6 +150,7 @@ private:
     DirectLink* linkTo(const std::string& bus);
 
     std::function<std::optional<std::string>()> rootWindowAddress_;
+    Bus bus_;
     bool connectAttempted_ = false;
     bool connected_ = false;
     bool reachable_ = false;

@@ -13,29 +13,10 @@ std::optional<std::string> environment(const char* name) {
     return std::string(value);
 }
 
-// A private connection to the session bus named by the environment, or
-// null; never one that libdbus would have to start.
-DBusConnection* openSessionBus() {
+// The session bus named by the environment, or null.
+Bus openSessionBus() {
     std::optional<std::string> address = environment("DBUS_SESSION_BUS_ADDRESS");
-    if (!address || startsProcess(*address)) return nullptr;
-    DBusError error;
-    dbus_error_init(&error);
-    DBusConnection* session = dbus_connection_open_private(address->c_str(), &error);
-    if (session) {
-        dbus_connection_set_exit_on_disconnect(session, FALSE);
-        if (!dbus_bus_register(session, &error)) {
-            dbus_connection_close(session);
-            dbus_connection_unref(session);
-            session = nullptr;
-        }
-    }
-    dbus_error_free(&error);
-    return session;
-}
-
-void closeSessionBus(DBusConnection* session) {
-    dbus_connection_close(session);
-    dbus_connection_unref(session);
+    return address ? openBus(*address) : nullptr;
 }
 
 // One call to the launcher's org.a11y.Bus, which is never started for it;
@@ -53,11 +34,11 @@ DBusMessage* askLauncher(DBusConnection* session, DBusMessage* call, int timeout
 }
 
 std::optional<std::string> askSessionBus(int timeoutMs) {
-    DBusConnection* session = openSessionBus();
+    Bus session = openSessionBus();
     if (!session) return std::nullopt;
     std::optional<std::string> address;
     DBusMessage* reply = askLauncher(
-        session,
+        session.get(),
         dbus_message_new_method_call("org.a11y.Bus", "/org/a11y/bus", "org.a11y.Bus", "GetAddress"),
         timeoutMs);
     const char* text = nullptr;
@@ -65,7 +46,6 @@ std::optional<std::string> askSessionBus(int timeoutMs) {
         text && *text)
         address = text;
     if (reply) dbus_message_unref(reply);
-    closeSessionBus(session);
     return address;
 }
 
@@ -91,6 +71,24 @@ DBusMessage* statusCall(const char* method, const dbus_bool_t* value) {
 
 }  // namespace
 
+void BusClose::operator()(DBusConnection* bus) const {
+    dbus_connection_close(bus);
+    dbus_connection_unref(bus);
+}
+
+Bus openBus(const std::string& address) {
+    if (startsProcess(address)) return nullptr;
+    DBusError error;
+    dbus_error_init(&error);
+    Bus bus(dbus_connection_open_private(address.c_str(), &error));
+    if (bus) {
+        dbus_connection_set_exit_on_disconnect(bus.get(), FALSE);
+        if (!dbus_bus_register(bus.get(), &error)) bus.reset();
+    }
+    dbus_error_free(&error);
+    return bus;
+}
+
 bool startsProcess(const std::string& address) {
     // "autolaunch:" runs dbus-launch; "launchd:" and "systemd:" ask a service
     // manager, which may start the bus on demand.
@@ -110,10 +108,10 @@ std::optional<std::string> accessibilityBusAddress(
 }
 
 bool turnOnAccessibility(int timeoutMs) {
-    DBusConnection* session = openSessionBus();
+    Bus session = openSessionBus();
     if (!session) return false;
     bool turnedOn = false;
-    DBusMessage* reply = askLauncher(session, statusCall("Get", nullptr), timeoutMs);
+    DBusMessage* reply = askLauncher(session.get(), statusCall("Get", nullptr), timeoutMs);
     DBusMessageIter iter, variant;
     if (reply && dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_METHOD_RETURN &&
         dbus_message_iter_init(reply, &iter) &&
@@ -124,13 +122,12 @@ bool turnOnAccessibility(int timeoutMs) {
             dbus_message_iter_get_basic(&variant, &enabled);
         if (!enabled) {
             const dbus_bool_t on = TRUE;
-            DBusMessage* set = askLauncher(session, statusCall("Set", &on), timeoutMs);
+            DBusMessage* set = askLauncher(session.get(), statusCall("Set", &on), timeoutMs);
             turnedOn = set && dbus_message_get_type(set) == DBUS_MESSAGE_TYPE_METHOD_RETURN;
             if (set) dbus_message_unref(set);
         }
     }
     if (reply) dbus_message_unref(reply);
-    closeSessionBus(session);
     return turnedOn;
 }
 

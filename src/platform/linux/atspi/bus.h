@@ -1,17 +1,28 @@
-// Finding the accessibility bus without starting anything.
+// Finding and opening the accessibility bus without starting anything.
 //
-// libatspi and libdbus, left to themselves, may launch a session bus
-// ("autolaunch") or D-Bus-activate the accessibility bus launcher when no
-// session is running. The bridge must never start a process, so the address
-// is found here, from what the session already provides, and handed to
-// libatspi.
+// libdbus, left to itself, may launch a session bus ("autolaunch") or
+// D-Bus-activate the accessibility bus launcher when no session is running.
+// The bridge must never start a process, so the address is found here, from
+// what the session already provides.
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
+struct DBusConnection;
+
 namespace quorvel::linux_backend {
+
+struct BusClose {
+    void operator()(DBusConnection*) const;
+};
+using Bus = std::unique_ptr<DBusConnection, BusClose>;
+
+// A private connection to the message bus at `address`, registered with it;
+// null when it cannot be had, or when reaching it would start a process.
+Bus openBus(const std::string& address);
 
 // In this order: $AT_SPI_BUS_ADDRESS; the address published on the X root
 // window (`rootWindowAddress`); the org.a11y.Bus service of a running session

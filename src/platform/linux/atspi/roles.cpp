@@ -1,7 +1,8 @@
 #include "platform/linux/atspi/roles.h"
 
-#include <atspi/atspi.h>
+#include <atspi/atspi-constants.h>
 
+#include <array>
 #include <unordered_map>
 
 namespace quorvel::linux_backend {
@@ -69,6 +70,31 @@ const std::unordered_map<int, const char*>& roleNames() {
     return names;
 }
 
+// AT-SPI's own name of every role, in the order of AtspiRole (the names
+// libatspi gives them), for the roles with no equivalent.
+constexpr std::array kAtspiRoleNames{
+    "invalid", "accelerator label", "alert", "animation", "arrow", "calendar", "canvas",
+    "check box", "check menu item", "color chooser", "column header", "combo box", "date editor",
+    "desktop icon", "desktop frame", "dial", "dialog", "directory pane", "drawing area",
+    "file chooser", "filler", "focus traversable", "font chooser", "frame", "glass pane",
+    "html container", "icon", "image", "internal frame", "label", "layered pane", "list",
+    "list item", "menu", "menu bar", "menu item", "option pane", "page tab", "page tab list",
+    "panel", "password text", "popup menu", "progress bar", "push button", "radio button",
+    "radio menu item", "root pane", "row header", "scroll bar", "scroll pane", "separator",
+    "slider", "spin button", "split pane", "status bar", "table", "table cell",
+    "table column header", "table row header", "tearoff menu item", "terminal", "text",
+    "toggle button", "tool bar", "tool tip", "tree", "tree table", "unknown", "viewport", "window",
+    "extended", "header", "footer", "paragraph", "ruler", "application", "autocomplete", "editbar",
+    "embedded", "entry", "chart", "caption", "document frame", "heading", "page", "section",
+    "redundant object", "form", "link", "input method window", "table row", "tree item",
+    "document spreadsheet", "document presentation", "document text", "document web",
+    "document email", "comment", "list box", "grouping", "image map", "notification", "info bar",
+    "level bar", "title bar", "block quote", "audio", "video", "definition", "article", "landmark",
+    "log", "marquee", "math", "rating", "timer", "static", "math fraction", "math root",
+    "subscript", "superscript", "description list", "description term", "description value",
+    "footnote", "content deletion", "content insertion", "mark", "suggestion", "push button menu"
+};
+
 // An editor of its own: editable and able to take the focus. The paragraphs
 // and runs inside a web page's editable region are editable too, but only
 // the region takes the focus; they are its text, not editors.
@@ -99,10 +125,9 @@ std::string axRole(int atspiRole, StateBits states, bool hasText) {
     }
     auto it = roleNames().find(atspiRole);
     if (it != roleNames().end()) return it->second;
-    gchar* name = atspi_role_get_name(static_cast<AtspiRole>(atspiRole));
-    std::string raw = name ? name : "unknown";
-    g_free(name);
-    return raw;
+    if (atspiRole >= 0 && static_cast<size_t>(atspiRole) < kAtspiRoleNames.size())
+        return kAtspiRoleNames[static_cast<size_t>(atspiRole)];
+    return "unknown";
 }
 
 bool roleNeedsStates(int atspiRole) {
