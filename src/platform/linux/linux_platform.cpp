@@ -58,6 +58,9 @@ public:
     LinuxPlatform()
         : accessibility_([this] { return windows().publishedBusAddress(); }),
           placement_(accessibility_, [this]() -> WindowSystem& { return windows(); }) {}
+    ~LinuxPlatform() override {
+        if (flagTurner_.joinable()) flagTurner_.join();
+    }
 
     std::string name() const override { return "linux"; }
     // The window system's sentence when it cannot list the windows (no AT-SPI
@@ -80,11 +83,12 @@ public:
     Application frontmostApplication() override {
         // Every observation and every input asks this first ("capabilities"
         // never does): as an assistive technology, the bridge turns the
-        // session's accessibility flag on when it finds it off.
-        if (!flagChecked_) {
-            flagChecked_ = true;
-            turnOnAccessibility(kFlagTimeoutMs);
-        }
+        // session's accessibility flag on when it finds it off. Nothing in
+        // this request waits for that (an application exposes its tree only
+        // later, if at all), so it is asked beside the request's own work,
+        // which it would otherwise delay by a session-bus connection.
+        if (!flagTurner_.joinable())
+            flagTurner_ = std::thread([] { turnOnAccessibility(kFlagTimeoutMs); });
         std::optional<WindowSystem::Focus> active = windows().focus();
         if (!active) return nullptr;
         // A window without a process id cannot be tied to an application on
@@ -281,7 +285,8 @@ private:
     // The sentences for what is missing, as last found.
     std::optional<std::string> windowsUnavailable_;
     std::string captureUnavailable_;
-    bool flagChecked_ = false;
+    // Joined before the process ends.
+    std::thread flagTurner_;
     // The scale of each application whose window was framed, by bus name.
     std::map<std::string, double> scales_;
     // The scanned window and its frame, for the one scan of the request.
