@@ -89,6 +89,8 @@ public:
         // which it would otherwise delay by a session-bus connection.
         if (!flagTurner_.joinable())
             flagTurner_ = std::thread([] { turnOnAccessibility(kFlagTimeoutMs); });
+        // A new identification of the foreground: every frame is read again.
+        framed_.clear();
         std::optional<WindowSystem::Focus> active = windows().focus();
         if (!active) return nullptr;
         // A window without a process id cannot be tied to an application on
@@ -115,6 +117,8 @@ public:
         auto* object = dynamic_cast<const AccessibleElement*>(element.get());
         bool topLevel = object && object->topLevel();
         if (topLevel && attribute == "AXTitle") {
+            const Framed* framed = knownFrame(*object);
+            if (framed && framed->name) return {kAXErrorSuccess, windowTitle(*framed->name)};
             AttributeRead read = accessibility_.read(element, attribute);
             if (auto* name = std::get_if<std::string>(&read.value))
                 *name = windowTitle(std::move(*name));
@@ -123,12 +127,8 @@ public:
         if (windows().windowRelativeExtents())
             return placement_.place(element, attribute,
                                     [&] { return accessibility_.read(element, attribute); });
-        if (topLevel && (attribute == "AXPosition" || attribute == "AXSize")) {
-            // The scanned window's frame is read once for its scan.
-            if (scanFrame_ && scanRoot_ && accessibility_.equal(element, scanRoot_))
-                return frameAttribute(*scanFrame_, attribute);
-            return frameAttribute(frame(element), attribute);
-        }
+        if (topLevel && (attribute == "AXPosition" || attribute == "AXSize"))
+            return frameAttribute(framedOnce(element, *object).frame, attribute);
         AttributeRead read = accessibility_.read(element, attribute);
         if (object && (attribute == "AXPosition" || attribute == "AXSize"))
             toScreen(read.value, scaleOf(*object));
@@ -143,19 +143,8 @@ public:
         return accessibility_.setText(element, attribute, text);
     }
     bool equal(const Element& a, const Element& b) override { return accessibility_.equal(a, b); }
-    void beginTreeScan(const Element& root) override {
-        auto* object = dynamic_cast<const AccessibleElement*>(root.get());
-        if (object && object->topLevel() && !windows().windowRelativeExtents()) {
-            scanRoot_ = root;
-            scanFrame_ = frame(root);
-        }
-        accessibility_.beginTreeScan(root);
-    }
-    void endTreeScan() override {
-        accessibility_.endTreeScan();
-        scanRoot_ = nullptr;
-        scanFrame_.reset();
-    }
+    void beginTreeScan(const Element& root) override { accessibility_.beginTreeScan(root); }
+    void endTreeScan() override { accessibility_.endTreeScan(); }
 
     std::optional<std::vector<WindowListEntry>> copyWindowInfo(std::uint32_t options,
                                                                std::uint32_t) override {
@@ -236,12 +225,17 @@ private:
 
     // A top-level's frame: the whole window, as the window list has it
     // (window_identity.h), from both sides read afresh; an error code when
-    // there is none. The scale found with it becomes its application's.
+    // there is none. The scale found with it becomes its application's. With
+    // it, the name the top-level gave in the same reading.
     using Frame = std::variant<Rect, AXError>;
-    Frame frame(const Element& element) {
+    struct Framed {
+        Frame frame;
+        std::optional<std::string> name;
+    };
+    Framed frame(const Element& element) {
         std::optional<Accessibility::TopLevel> top = accessibility_.topLevel(element);
         std::optional<ClientWindows> clients = windows().clientWindows();
-        if (!top || !clients) return kAXErrorCannotComplete;
+        if (!top || !clients) return {kAXErrorCannotComplete, std::nullopt};
         TopLevelFacts facts;
         facts.extents = top->extents;
         facts.name = top->name.value_or("");
@@ -249,10 +243,24 @@ private:
         facts.pid = top->pid.value_or(-1);
         facts.relativeCoordinates = top->relativeCoordinates;
         std::optional<ScreenFrame> screen = accessibilityFrame(facts, *clients);
-        if (!screen) return kAXErrorNoValue;
+        if (!screen) return {kAXErrorNoValue, top->name};
         if (auto* object = dynamic_cast<const AccessibleElement*>(element.get()))
             scales_[object->ref().bus] = screen->scale;
-        return screen->frame;
+        return {screen->frame, top->name};
+    }
+    // A top-level is framed once per identification of the foreground: its
+    // position, its size, its title and the scan's frame are then all of
+    // one reading, as they must be to describe one window.
+    static std::string frameKey(const AccessibleElement& element) {
+        return element.ref().bus + '\n' + element.ref().path;
+    }
+    const Framed* knownFrame(const AccessibleElement& element) const {
+        auto known = framed_.find(frameKey(element));
+        return known == framed_.end() ? nullptr : &known->second;
+    }
+    const Framed& framedOnce(const Element& element, const AccessibleElement& object) {
+        if (const Framed* known = knownFrame(object)) return *known;
+        return framed_[frameKey(object)] = frame(element);
     }
     // The scale of the element's application, as its window's frame last
     // found it: every request frames the foreground window before it reads
@@ -289,9 +297,8 @@ private:
     std::thread flagTurner_;
     // The scale of each application whose window was framed, by bus name.
     std::map<std::string, double> scales_;
-    // The scanned window and its frame, for the one scan of the request.
-    Element scanRoot_;
-    std::optional<Frame> scanFrame_;
+    // The top-levels framed in the current identification, by frameKey.
+    std::map<std::string, Framed> framed_;
 };
 
 }  // namespace

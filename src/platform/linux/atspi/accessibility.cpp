@@ -146,9 +146,7 @@ DirectLink* Accessibility::linkTo(const std::string& bus) {
     // Toolkits built on the AT-SPI bridge also listen on a socket of their
     // own. Talking to it directly skips the bus daemon, which otherwise
     // relays every request and every reply, and lets the tree scan's
-    // thousands of calls go out together. Single reads stay on the bus: the
-    // extra question would double what an application that does not answer
-    // costs them.
+    // thousands of calls go out together. Only a scan opens one (openLink).
     const ApplicationFacts& application = applicationFacts(bus);
     if (!application.answered) return nullptr;  // asked again next time
     std::unique_ptr<DirectLink> link;
@@ -157,6 +155,12 @@ DirectLink* Accessibility::linkTo(const std::string& bus) {
     DirectLink* result = link.get();
     links_[bus] = std::move(link);
     return result;
+}
+
+DirectLink* Accessibility::openLink(const std::string& bus) const {
+    auto known = links_.find(bus);
+    if (known == links_.end() || !known->second || known->second->broken()) return nullptr;
+    return known->second.get();
 }
 
 bool Accessibility::connect() {
@@ -216,6 +220,11 @@ std::optional<Accessibility::ChildReplies> Accessibility::windowStates(const Obj
 
 std::optional<ObjectRef> Accessibility::findApplication(std::int32_t pid) {
     if (!connect() || pid <= 0) return std::nullopt;
+    // An application is its process's connection to the bus, which stays
+    // the same for as long as the process runs: once found, it serves the
+    // rest of this short-lived process. Were it to go away, it would answer
+    // no more calls, and every read of it would fail.
+    if (auto known = applicationOf_.find(pid); known != applicationOf_.end()) return known->second;
     // Every registered application and the process that owns each.
     auto owners = askChildren(kRegistryRoot, [](const ObjectRef& app) {
         return processIdCall(app.bus);
@@ -225,17 +234,16 @@ std::optional<ObjectRef> Accessibility::findApplication(std::int32_t pid) {
     for (size_t i = 0; i < owners->children.size(); ++i)
         if (parseProcessId(owners->replies[i].get()) == pid) matches.push_back(owners->children[i]);
     if (matches.empty()) return std::nullopt;
+    if (matches.size() == 1) return applicationOf_[pid] = matches.front();
 
     // A process may register more than one application; the one with the
-    // active window is the one in front.
-    if (matches.size() > 1) {
-        for (const ObjectRef& app : matches) {
-            auto windows = windowStates(app);
-            if (!windows) continue;
-            for (const Message& reply : windows->replies) {
-                std::optional<StateBits> states = parseStates(reply.get());
-                if (states && hasState(*states, ATSPI_STATE_ACTIVE)) return app;
-            }
+    // active window is the one in front, asked again each time.
+    for (const ObjectRef& app : matches) {
+        auto windows = windowStates(app);
+        if (!windows) continue;
+        for (const Message& reply : windows->replies) {
+            std::optional<StateBits> states = parseStates(reply.get());
+            if (states && hasState(*states, ATSPI_STATE_ACTIVE)) return app;
         }
     }
     return matches.front();
@@ -250,7 +258,8 @@ std::optional<std::string> Accessibility::applicationName(const Application& app
     if (!handle) return std::nullopt;
     std::optional<ObjectRef> ref = findApplication(handle->pid());
     if (!ref) return std::nullopt;
-    return LiveFacts(*ref, bus_.get(), timeoutMs_).name();
+    return LiveFacts(*ref, bus_.get(), timeoutMs_, nullptr, ChildRule::Showing, openLink(ref->bus))
+        .name();
 }
 
 Element Accessibility::applicationElement(std::int32_t pid) {
@@ -359,7 +368,7 @@ AttributeRead Accessibility::read(const Element& element, std::string_view attri
         return {kAXErrorNoValue, {}};
 
     bool timedOut = false;
-    LiveFacts live(ref, bus_.get(), timeoutMs_, &timedOut, childRule(ref.bus));
+    LiveFacts live(ref, bus_.get(), timeoutMs_, &timedOut, childRule(ref.bus), openLink(ref.bus));
     AttributeRead result;
     if (std::unique_ptr<ElementFacts> cached = snapshot_ ? snapshot_->facts(ref, live) : nullptr)
         result = readAttribute(*cached, attribute);

@@ -148,6 +148,9 @@ private:
     // A direct link to the application's own socket, for the tree scan;
     // null when it offers none (its requests then go over the bus).
     DirectLink* linkTo(const std::string& bus);
+    // The link to the application if a scan has opened one: single reads
+    // take it then, and skip the bus daemon's relay, but never open one.
+    DirectLink* openLink(const std::string& bus) const;
 
     std::function<std::optional<std::string>()> rootWindowAddress_;
     Bus bus_;
@@ -157,6 +160,8 @@ private:
     int timeoutMs_ = 2000;
     bool windowRelativePlacement_ = false;
     std::map<std::string, ApplicationFacts> applications_;  // by bus name
+    // The application of each process that registered only one.
+    std::map<std::int32_t, ObjectRef> applicationOf_;
     // Direct links by bus name; null where the application offers none.
     std::map<std::string, std::unique_ptr<DirectLink>> links_;
     // Which children each parent had when last asked, and which window of

@@ -94,8 +94,9 @@ bool CallBatch::unsupported(size_t index) const {
     return index < unsupported_.size() && unsupported_[index];
 }
 
-Message callAndWait(DBusConnection* connection, Message call, int timeoutMs, bool* timedOut) {
-    CallBatch batch(connection, timeoutMs);
+Message callAndWait(DBusConnection* connection, Message call, int timeoutMs, bool* timedOut,
+                    DirectLink* link) {
+    CallBatch batch(connection, timeoutMs, link);
     size_t index = batch.add(std::move(call));
     batch.wait();
     if (timedOut) *timedOut = batch.timedOut();

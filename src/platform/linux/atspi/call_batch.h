@@ -53,6 +53,7 @@ private:
 };
 
 // One call, sent and waited for.
-Message callAndWait(DBusConnection*, Message call, int timeoutMs, bool* timedOut = nullptr);
+Message callAndWait(DBusConnection*, Message call, int timeoutMs, bool* timedOut = nullptr,
+                    DirectLink* link = nullptr);
 
 }  // namespace quorvel::linux_backend

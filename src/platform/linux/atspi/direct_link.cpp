@@ -58,21 +58,21 @@ bool writeAll(int fd, const std::string& text, int timeoutMs) {
     return true;
 }
 
-// One line of the authentication exchange, without its CR LF.
-bool readLine(int fd, std::string& line, int timeoutMs) {
-    line.clear();
-    while (line.size() < 4096) {
-        if (!ready(fd, POLLIN, timeoutMs)) return false;
-        char c;
-        ssize_t n = recv(fd, &c, 1, 0);
-        if (n <= 0) return false;
-        if (c == '\n' && !line.empty() && line.back() == '\r') {
-            line.pop_back();
-            return true;
-        }
-        line += c;
+// One line of the authentication exchange, without its CR LF; whatever
+// arrived after it is left in `rest`.
+bool readLine(int fd, std::string& line, std::string& rest, int timeoutMs) {
+    std::string received;
+    size_t end;
+    while ((end = received.find("\r\n")) == std::string::npos) {
+        if (received.size() > 4096 || !ready(fd, POLLIN, timeoutMs)) return false;
+        char buffer[512];
+        ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+        if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) return false;
+        if (n > 0) received.append(buffer, static_cast<size_t>(n));
     }
-    return false;
+    line = received.substr(0, end);
+    rest = received.substr(end + 2);
+    return true;
 }
 
 // The socket path of a D-Bus address ('\0' first for an abstract socket);
@@ -119,7 +119,7 @@ std::unique_ptr<DirectLink> DirectLink::open(const std::string& address, int tim
     std::string uid = std::to_string(geteuid()), line;
     std::string hexUid = hex({reinterpret_cast<const std::uint8_t*>(uid.data()), uid.size()});
     if (!writeAll(fd, std::string(1, '\0') + "AUTH EXTERNAL " + hexUid + "\r\n", timeoutMs) ||
-        !readLine(fd, line, timeoutMs) || line.rfind("OK ", 0) != 0 ||
+        !readLine(fd, line, link->unread_, timeoutMs) || line.rfind("OK ", 0) != 0 ||
         !writeAll(fd, "BEGIN\r\n", timeoutMs))
         return nullptr;
     return link;

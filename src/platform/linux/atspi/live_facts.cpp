@@ -69,12 +69,17 @@ std::optional<ObjectRef> readableText(const ObjectRef& candidate, DBusConnection
 }
 
 LiveFacts::LiveFacts(ObjectRef ref, DBusConnection* bus, int timeoutMs, bool* timedOut,
-                     ChildRule rule)
-    : ref_(std::move(ref)), bus_(bus), timeoutMs_(timeoutMs), timedOut_(timedOut), rule_(rule) {}
+                     ChildRule rule, DirectLink* link)
+    : ref_(std::move(ref)),
+      bus_(bus),
+      timeoutMs_(timeoutMs),
+      timedOut_(timedOut),
+      rule_(rule),
+      link_(link) {}
 
 Message LiveFacts::call(Message request) {
     bool late = false;
-    Message reply = callAndWait(bus_, std::move(request), timeoutMs_, &late);
+    Message reply = callAndWait(bus_, std::move(request), timeoutMs_, &late, link_);
     if (late && timedOut_) *timedOut_ = true;
     return reply;
 }
@@ -122,7 +127,7 @@ std::optional<ElementList> LiveFacts::children() {
     std::vector<std::optional<StateBits>> states(refs->size());
     std::vector<std::optional<Extents>> extents(refs->size());
     if (rule_ != ChildRule::All && !refs->empty()) {
-        CallBatch batch(bus_, timeoutMs_);
+        CallBatch batch(bus_, timeoutMs_, link_);
         std::vector<std::optional<size_t>> stateCalls(refs->size()), extentsCalls(refs->size());
         for (size_t i = 0; i < refs->size(); ++i) {
             // A child in another application (an embedded one) is kept.

@@ -23,9 +23,10 @@ std::optional<ObjectRef> readableText(const ObjectRef& candidate, DBusConnection
 class LiveFacts final : public ElementFacts {
 public:
     // `timedOut`, when given, is set once a call goes unanswered. `rule`
-    // chooses the children that make "AXChildren".
+    // chooses the children that make "AXChildren". Over `link` when one is
+    // given.
     LiveFacts(ObjectRef ref, DBusConnection* bus, int timeoutMs, bool* timedOut = nullptr,
-              ChildRule rule = ChildRule::Showing);
+              ChildRule rule = ChildRule::Showing, DirectLink* link = nullptr);
 
     std::optional<int> role() override;
     std::optional<StateBits> states() override;
@@ -46,6 +47,7 @@ private:
     int timeoutMs_;
     bool* timedOut_;
     ChildRule rule_;
+    DirectLink* link_;
     std::optional<std::optional<int>> role_;
     std::optional<std::optional<std::vector<std::string>>> interfaces_;
     std::optional<std::optional<std::string>> name_;
