@@ -321,15 +321,28 @@ AttributeRead Accessibility::focusedElement(const AccessibleElement& application
     // windows are searched first. The window that was active last time is
     // asked for its focused descendant along with the list; the answer
     // serves if that window is still the first to search.
+    // The element a scan of the first window to search just found focused
+    // is asked whether it still is, in that same round trip, instead: a
+    // toolkit without the Collection interface would otherwise be walked
+    // once more.
     DBusConnection* bus = bus_.get();
     const ObjectRef& app = application.ref();
+    std::optional<ScanFocus> scanned;
+    if (auto found = scanFocus_.find(app.bus); found != scanFocus_.end()) scanned = found->second;
     auto known = lastActive_.find(app.bus);
     std::optional<ObjectRef> guess;
-    if (known != lastActive_.end()) guess = known->second;
-    auto windows = windowStates(app, guess ? focusedDescendantCall(*guess) : nullptr);
+    if (!scanned && known != lastActive_.end()) guess = known->second;
+    Message extra = scanned ? stateCall(scanned->focused)
+                            : guess ? focusedDescendantCall(*guess) : nullptr;
+    auto windows = windowStates(app, std::move(extra));
     if (!windows) return {kAXErrorNoValue, {}};
     std::vector<ObjectRef> ordered = activeFirst(windows->children, windows->replies);
     if (!ordered.empty()) lastActive_[app.bus] = ordered.front();
+    if (scanned && !ordered.empty() && ordered.front() == scanned->window) {
+        std::optional<StateBits> bits = parseStates(windows->extra.get());
+        if (bits && hasState(*bits, ATSPI_STATE_FOCUSED) && hasState(*bits, ATSPI_STATE_FOCUSABLE))
+            return {kAXErrorSuccess, elementFor(scanned->focused)};
+    }
     for (const ObjectRef& window : ordered) {
         std::optional<Element> focused;
         if (guess && window == *guess && windows->extra) {
@@ -436,6 +449,8 @@ void Accessibility::beginTreeScan(const Element& root) {
 }
 
 void Accessibility::endTreeScan() {
+    if (snapshot_ && snapshot_->focused())
+        scanFocus_[snapshot_->root().bus] = {snapshot_->root(), *snapshot_->focused()};
     snapshot_.reset();
     scanning_ = false;
     scanStalled_ = false;

@@ -168,6 +168,11 @@ private:
     // each application was active: whom to ask along with the next list.
     ChildLists children_;
     std::map<std::string, ObjectRef> lastActive_;
+    // What the last scan of each application's window found focused.
+    struct ScanFocus {
+        ObjectRef window, focused;
+    };
+    std::map<std::string, ScanFocus> scanFocus_;
     std::unique_ptr<TreeSnapshot> snapshot_;
     bool scanning_ = false;
     // Set when an application stopped answering during the current scan:

@@ -103,7 +103,7 @@ CacheIndex indexCache(std::vector<CacheItem> items, const std::string& bus) {
 
 TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
                            int timeoutMs, size_t limit, ChildRule rule)
-    : bus_(root.bus) {
+    : root_(root), bus_(root.bus) {
     CacheIndex cache;
     {
         CallBatch batch(bus, timeoutMs, link);
@@ -332,6 +332,9 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
         for (size_t i = 0; i < level.size(); ++i) {
             const Calls& c = calls[i];
             Record& record = records_[level[i].path];
+            if (!focused_ && record.states && hasState(*record.states, ATSPI_STATE_FOCUSED) &&
+                hasState(*record.states, ATSPI_STATE_FOCUSABLE))
+                focused_ = level[i];
             if (!c.listed) continue;
             ElementList children;
             std::vector<ObjectRef> kept;

@@ -52,6 +52,11 @@ public:
     // The application stopped answering while the tree was prefetched.
     bool stalled() const { return stalled_; }
 
+    const ObjectRef& root() const { return root_; }
+    // The first element, breadth-first, that had the keyboard focus
+    // (FOCUSED and FOCUSABLE) when the tree was prefetched.
+    const std::optional<ObjectRef>& focused() const { return focused_; }
+
     struct Record {
         std::optional<int> role;
         std::optional<StateBits> states;
@@ -70,9 +75,11 @@ public:
     };
 
 private:
+    ObjectRef root_;
     std::string bus_;
     std::unordered_map<std::string, Record> records_;  // by object path
     bool stalled_ = false;
+    std::optional<ObjectRef> focused_;
 };
 
 }  // namespace quorvel::linux_backend
