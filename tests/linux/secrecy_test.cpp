@@ -30,10 +30,7 @@ constexpr char kSecret[] = "hunter2";
 constexpr char kBus[] = ":1.5";
 
 // What the test reads an element's role as; nothing for a read that fails.
-struct ScriptedElement {
-    std::optional<int> role;
-    std::string text;
-};
+struct ScriptedElement { std::optional<int> role; std::string text; };
 
 // One element whose role read fails, one password field, one plain entry
 // and one paragraph (whose value is text only when it offers the Text

@@ -168,10 +168,7 @@ TEST(WindowIdentity, AScaleIsTakenOnlyWhereItMakesBothSidesAgree) {
 }
 
 TEST(WindowIdentity, OnlyTheUnsavedChangesMarkerLeavesTheTitle) {
-    struct {
-        const char* name;
-        const char* title;
-    } cases[] = {
+    struct { const char* name; const char* title; } cases[] = {
         {"*Untitled 1 - Mousepad", "Untitled 1 - Mousepad"},
         {"*/tmp/notes.txt", "/tmp/notes.txt"},
         {"notes.txt *", "notes.txt"},

@@ -59,11 +59,7 @@ std::vector<std::int64_t> ids(const std::vector<SwayWindow>& windows) {
 }
 
 TEST(SwayTree, WindowsComeFrontToBack) {
-    struct {
-        const char* label;
-        std::string json;
-        std::vector<std::int64_t> order;
-    } cases[] = {
+    struct { const char* label; std::string json; std::vector<std::int64_t> order; } cases[] = {
         {"floating on top, the last drawn first, then tiled by focus",
          tree("[5,21,4,6,7]"), {7, 6, 5, 8, 4, 9, 10}},
         {"another focus order", tree("[4,5,21]"), {7, 6, 4, 5, 8, 9, 10}},

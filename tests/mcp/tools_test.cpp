@@ -57,12 +57,7 @@ TEST(Tools, ObserveRunsTheBridgesObserveAndReturnsTheViewAndImage) {
 // bridge request it must make: the last observation's scope, the node's
 // centre, the node's observed value as the expected one.
 TEST(Tools, InputCallsCarryTheLastObservation) {
-    struct Case {
-        const char* tool;
-        Json arguments;
-        Json action;
-        std::string done;
-    };
+    struct Case { const char* tool; Json arguments; Json action; std::string done; };
     for (const Case& c : {
              Case{"click", {{"id", "1:ax-4"}}, {{"kind", "click"}, {"x", 640.5}, {"y", 515}, {"count", 1}},
                   "Clicked 1:ax-4 at (640.5,515). Observe to see the effect."},
