@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "bridge/dispatch.h"
 #include "scene.h"
@@ -13,55 +14,42 @@ namespace {
 using fake::FakeDesktop;
 using fake::StandardScene;
 using testing::errorOf;
-using testing::request;
 
 TEST(Dispatch, RefusesWithItsMessageAndPostsNothing) {
-    struct Case {
-        const char* name;
-        std::string request;  // $SCOPE stands for the observed scope
-        const char* message;
-    };
+    // $SCOPE stands for the observed scope.
     const std::string act = R"({"version":1,"operation":"act","scope":$SCOPE,"action":)";
-    for (const Case& c : {
-             Case{"no_version", R"({"operation":"capabilities"})", msg::kProtocol},
-             Case{"version_2", R"({"version":2,"operation":"capabilities"})", msg::kProtocol},
-             Case{"version_as_string", R"({"version":"1","operation":"capabilities"})", msg::kProtocol},
-             Case{"version_fraction", R"({"version":1.5,"operation":"capabilities"})", msg::kProtocol},
-             Case{"operation_not_string", R"({"version":1,"operation":5})", msg::kProtocol},
-             Case{"version_checked_first", R"({"version":3,"operation":"nonsense"})", msg::kProtocol},
-             Case{"unknown_operation", R"({"version":1,"operation":"nonsense"})", msg::kOperation},
-             Case{"act_without_scope", R"({"version":1,"operation":"act","action":{"kind":"key","value":"tab"}})",
-                  msg::kOperation},
-             Case{"act_without_action", R"({"version":1,"operation":"act","scope":$SCOPE})", msg::kOperation},
-             Case{"act_kind_missing", act + R"({"value":"tab"}})", msg::kOperation},
-             Case{"act_kind_not_string", act + R"({"kind":1}})", msg::kOperation},
-             Case{"unknown_kind", act + R"({"kind":"drag"}})", msg::kAction},
-             Case{"unknown_kind_with_stale_scope",
-                  R"({"version":1,"operation":"act","scope":{"pid":1},"action":{"kind":"drag"}})",
-                  msg::kChanged},
-             Case{"key_in_other_case", act + R"({"kind":"key","value":"Escape"}})", msg::kKey},
-             Case{"key_value_missing", act + R"({"kind":"key"}})", msg::kKey},
-             Case{"type_into_without_replace",
-                  act + R"({"kind":"type_into","x":150,"y":80,"value":"a","expected_value":""}})",
-                  msg::kTextFields},
-             Case{"type_replace_not_boolean",
-                  act + R"({"kind":"type","value":"a","replace":0,"expected_value":""}})", msg::kTextFields},
-             Case{"type_without_expected", act + R"({"kind":"type","value":"a","replace":false}})",
-                  msg::kTextFields},
-             Case{"type_value_not_string",
-                  act + R"({"kind":"type","value":1,"replace":false,"expected_value":""}})", msg::kTextFields},
-             Case{"click_without_coordinates", act + R"({"kind":"click"}})", msg::kOutside},
-             Case{"type_into_outside_window",
-                  act + R"({"kind":"type_into","x":5,"y":5,"value":"a","replace":false,"expected_value":""}})",
-                  msg::kOutside},
+    const std::string capabilities = R"(,"operation":"capabilities"})";
+    const std::string typeInto = act + R"({"kind":"type_into","value":"a","expected_value":"",)";
+    for (const auto& [request, message] : std::vector<std::pair<std::string, const char*>>{
+             {R"({"operation":"capabilities"})", msg::kProtocol},
+             {R"({"version":2)" + capabilities, msg::kProtocol},
+             {R"({"version":"1")" + capabilities, msg::kProtocol},
+             {R"({"version":1.5)" + capabilities, msg::kProtocol},
+             {R"({"version":1,"operation":5})", msg::kProtocol},
+             {R"({"version":3,"operation":"nonsense"})", msg::kProtocol},  // the version first
+             {R"({"version":1,"operation":"nonsense"})", msg::kOperation},
+             {R"({"version":1,"operation":"act","action":{"kind":"key","value":"tab"}})", msg::kOperation},
+             {R"({"version":1,"operation":"act","scope":$SCOPE})", msg::kOperation},
+             {act + R"({"value":"tab"}})", msg::kOperation},
+             {act + R"({"kind":1}})", msg::kOperation},
+             {act + R"({"kind":"drag"}})", msg::kAction},
+             {R"({"version":1,"operation":"act","scope":{"pid":1},"action":{"kind":"drag"}})", msg::kChanged},
+             {act + R"({"kind":"key","value":"Escape"}})", msg::kKey},
+             {act + R"({"kind":"key"}})", msg::kKey},
+             {typeInto + R"("x":150,"y":80}})", msg::kTextFields},  // no "replace"
+             {act + R"({"kind":"type","value":"a","replace":0,"expected_value":""}})", msg::kTextFields},
+             {act + R"({"kind":"type","value":"a","replace":false}})", msg::kTextFields},
+             {act + R"({"kind":"type","value":1,"replace":false,"expected_value":""}})", msg::kTextFields},
+             {act + R"({"kind":"click"}})", msg::kOutside},
+             {typeInto + R"("x":5,"y":5,"replace":false}})", msg::kOutside},
          }) {
         FakeDesktop desktop;
         StandardScene scene(desktop);
-        std::string text = c.request;
+        std::string text = request;
         for (size_t at; (at = text.find("$SCOPE")) != std::string::npos;)
             text.replace(at, 6, writeJson(testing::standardScope()));
-        EXPECT_EQ(errorOf(request(desktop, text)), c.message) << c.name;
-        EXPECT_TRUE(desktop.posted.empty()) << c.name;
+        EXPECT_EQ(errorOf(testing::request(desktop, text)), message) << text;
+        EXPECT_TRUE(desktop.posted.empty()) << text;
     }
 }
 
@@ -84,24 +72,18 @@ TEST(Dispatch, ActAnswersWithTheFixedResult) {
 }
 
 TEST(Dispatch, KeyNamesMapToTheirCodesAndFlags) {
-    struct Case {
-        const char* name;
-        std::uint16_t code;
-        EventFlags flags;
-    };
-    for (Case c : {Case{"escape", kVirtualKeyEscape, 0}, Case{"enter", kVirtualKeyReturn, 0},
-                   Case{"tab", kVirtualKeyTab, 0},
-                   Case{"navigate_back", kVirtualKeyLeftBracket, kCGEventFlagMaskCommand}}) {
-        std::optional<KeyChord> chord = keyNamed(c.name);
-        ASSERT_TRUE(chord.has_value()) << c.name;
-        EXPECT_EQ(chord->code, c.code) << c.name;
-        EXPECT_EQ(chord->flags, c.flags) << c.name;
+    for (auto [name, code, flags] :
+         {std::tuple{"escape", kVirtualKeyEscape, EventFlags{0}}, {"enter", kVirtualKeyReturn, 0},
+          {"tab", kVirtualKeyTab, 0}, {"navigate_back", kVirtualKeyLeftBracket, kCGEventFlagMaskCommand}}) {
+        std::optional<KeyChord> chord = keyNamed(name);
+        ASSERT_TRUE(chord.has_value()) << name;
+        EXPECT_EQ(std::pair(chord->code, chord->flags), std::pair(code, flags)) << name;
     }
 }
 
 TEST(Dispatch, TypeIntoPausesATenthOfASecondBetweenTheClickAndTheTyping) {
     fake::FormScene scene;
-    Json r = request(scene.desktop, testing::act(testing::standardScope(),
+    Json r = testing::request(scene.desktop, testing::act(testing::standardScope(),
                                                  R"({"kind":"type_into","x":210,"y":70,"value":"new",)"
                                                  R"("replace":false,"expected_value":"hello"})"));
     ASSERT_EQ(errorOf(r), testing::kSuccess);

@@ -96,11 +96,7 @@ TEST(EditorValue, CompleteReadLimitCountsUtf16Units) {
     std::string emoji30000, euro60000;
     for (int i = 0; i < 30000; ++i) emoji30000 += emoji;
     for (int i = 0; i < 60000; ++i) euro60000 += "\u20AC";  // three UTF-8 bytes each
-    struct Case {
-        const char* name;
-        std::string value;
-        bool refused;
-    };
+    struct Case { const char* name; std::string value; bool refused; };
     for (const Case& c : {Case{"60000_ascii", std::string(60000, 'a'), false},
                           Case{"60001_ascii", std::string(60001, 'a'), true},
                           Case{"30001_emoji", emoji30000 + emoji, true},

@@ -25,12 +25,7 @@ using testing::typed;
 
 TEST(Click, LandsOnlyInsideTheFrameWithACountOfOneOrTwo) {
     constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-    struct Case {
-        const char* name;
-        double x, y;
-        std::int64_t count;
-        bool clicks;
-    };
+    struct Case { const char* name; double x, y; std::int64_t count; bool clicks; };
     // The frame is 100,50 800x600: minimum edges inside, maximum edges outside.
     for (const Case& c : {Case{"inside", 500, 300, 1, true}, Case{"left_edge", 100, 300, 1, true},
                           Case{"top_edge", 500, 50, 2, true}, Case{"right_edge", 900, 300, 1, false},
@@ -55,11 +50,7 @@ std::string typeInto(FormScene& s, const std::string& text, bool replace = false
 TEST(Type, SendsChunksOfAtMost16UnitsWithoutSplittingASurrogatePair) {
     const std::string emoji = "\U0001F600";
     const std::u16string emoji16 = u"\U0001F600";
-    struct Case {
-        const char* name;
-        std::string text;
-        std::vector<std::u16string> chunks;
-    };
+    struct Case { const char* name; std::string text; std::vector<std::u16string> chunks; };
     for (const Case& c : {
              Case{"sixteen", std::string(16, 'a'), {std::u16string(16, u'a')}},
              Case{"seventeen", std::string(17, 'a'), {std::u16string(16, u'a'), u"a"}},
@@ -88,11 +79,7 @@ TEST(Type, SendsChunksOfAtMost16UnitsWithoutSplittingASurrogatePair) {
 TEST(Type, LengthLimitCountsUtf16UnitsAndComesBeforeTheFocusIsRead) {
     std::string emoji30000;
     for (int i = 0; i < 30000; ++i) emoji30000 += "\U0001F600";
-    struct Case {
-        const char* name;
-        std::string text;
-        bool refused;
-    };
+    struct Case { const char* name; std::string text; bool refused; };
     for (const Case& c : {Case{"60000_letters", std::string(60000, 'a'), false},
                           Case{"60001_letters", std::string(60001, 'a'), true},
                           Case{"30000_emoji", emoji30000, false},
@@ -150,10 +137,7 @@ TEST(Type, ReplaceSetsTheValueWhenItCanElseSelectsAllAndTypes) {
     };
     const ElementId field = FormScene().editor;
     for (const Case& c : {
-             Case{"settable", kAXErrorSuccess, true, "new", {}, {{field, "new"}}, {}},
              Case{"settable_and_empty", kAXErrorSuccess, true, "", {}, {{field, ""}}, {}},
-             Case{"not_settable", kAXErrorSuccess, false, "new", testing::kSelectAll + typed("new"), {},
-                  {"0 new"}},
              Case{"query_fails", kAXErrorFailure, true, "new", testing::kSelectAll + typed("new"), {},
                   {"0 new"}},
              Case{"not_settable_and_empty", kAXErrorSuccess, false, "", testing::kSelectAll, {},
@@ -175,15 +159,9 @@ TEST(Type, ReplaceSetsTheValueWhenItCanElseSelectsAllAndTypes) {
 // key of the text, select-all included; a text with nothing to post never
 // asks.
 TEST(Type, AKeyboardThatCannotBeReadiedRefusesBeforeAnyKeyOfTheText) {
-    struct Case {
-        const char* name;
-        std::string text;
-        bool replace;
-        std::string outcome;
-    };
-    for (const Case& c : {Case{"type", "new", false, msg::kKeyboardBusy},
-                          Case{"replace_by_typing", "new", true, msg::kKeyboardBusy},
-                          Case{"clear_by_select_all", "", true, msg::kKeyboardBusy},
+    struct Case { const char* name; std::string text; bool replace; std::string outcome; };
+    // Typing and replacing by typing are the fault matrix's.
+    for (const Case& c : {Case{"clear_by_select_all", "", true, msg::kKeyboardBusy},
                           Case{"nothing_to_post", "", false, kNoFailure}}) {
         SCOPED_TRACE(c.name);
         FormScene e;

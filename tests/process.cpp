@@ -22,6 +22,11 @@ std::string contents(std::FILE* file) {
 }  // namespace
 
 ProcessResult runBridge(const std::string& input, const std::vector<std::string>& environment) {
+    return runProcess({QUORVEL_BRIDGE_BINARY}, input, environment);
+}
+
+ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input,
+                         const std::vector<std::string>& environment) {
     // Files rather than pipes: nothing can block on a full pipe, whatever the
     // child writes or fails to read.
     std::FILE *in = std::tmpfile(), *out = std::tmpfile(), *err = std::tmpfile();
@@ -36,12 +41,13 @@ ProcessResult runBridge(const std::string& input, const std::vector<std::string>
         dup2(fileno(out), 1);
         dup2(fileno(err), 2);
         for (std::FILE* f : {in, out, err}) close(fileno(f));
-        std::vector<char*> envp;
+        std::vector<char*> envp, args;
         for (const std::string& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
+        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         envp.push_back(nullptr);
-        char* argv[] = {const_cast<char*>(QUORVEL_BRIDGE_BINARY), nullptr};
-        alarm(30);  // survives the exec: a bridge that hangs is ended by SIGALRM
-        execve(argv[0], argv, envp.data());
+        args.push_back(nullptr);
+        alarm(30);  // survives the exec: a program that hangs is ended by SIGALRM
+        execve(args[0], args.data(), envp.data());
         _exit(127);
     }
     std::fclose(in);

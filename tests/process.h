@@ -15,5 +15,8 @@ struct ProcessResult {
 // Feeds `input` to the bridge's standard input and closes it. The child gets
 // `environment` only (empty by default: no display, no session bus).
 ProcessResult runBridge(const std::string& input, const std::vector<std::string>& environment = {});
+// The same for any program: `argv` names it and its arguments.
+ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input,
+                         const std::vector<std::string>& environment = {});
 
 }  // namespace quorvel::testing

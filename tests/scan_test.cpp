@@ -62,11 +62,7 @@ TEST(Scan, CycleIsVisitedAgainUnderNewIdsUntilTheCap) {
 }
 
 TEST(Scan, NameIsTheTitleElseTheDescription) {
-    struct Case {
-        const char* name;
-        std::map<std::string, Value> attributes;
-        std::string label;
-    };
+    struct Case { const char* name; std::map<std::string, Value> attributes; std::string label; };
     for (const Case& c : {
              Case{"title", {{"AXTitle", std::string("T")}, {"AXDescription", std::string("D")}}, "T"},
              Case{"empty_title", {{"AXTitle", std::string()}, {"AXDescription", std::string("D")}}, "D"},

@@ -15,11 +15,7 @@ using testing::failureOf;
 using testing::standardScope;
 
 TEST(Scroll, ScrollsOnlyWithThePointerInsideTheFrameAndNeverMovesIt) {
-    struct Case {
-        const char* name;
-        std::optional<Point> pointer;
-        bool scrolls;
-    };
+    struct Case { const char* name; std::optional<Point> pointer; bool scrolls; };
     // The frame is 100,50 800x600.
     for (const Case& c : {Case{"inside", Point{500, 300}, true}, Case{"top_left", Point{100, 50}, true},
                           Case{"right_edge", Point{900, 300}, false},

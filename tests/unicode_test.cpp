@@ -52,11 +52,7 @@ TEST(Encodings, RoundTripAtEveryLengthBoundary) {
 TEST(GraphemeCut, KeepsWholeUserPerceivedCharacters) {
     const std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467";  // 5 scalars
     const std::string flags = "\U0001F1FA\U0001F1F8\U0001F1EB\U0001F1F7";      // two flags
-    struct Case {
-        std::string text;
-        size_t limit;
-        std::string kept;
-    };
+    struct Case { std::string text; size_t limit; std::string kept; };
     for (const Case& c : {
              Case{"abc", 3, "abc"},
              Case{"abc", 0, ""},
@@ -73,10 +69,7 @@ TEST(GraphemeCut, KeepsWholeUserPerceivedCharacters) {
 }
 
 TEST(CanonicalEquivalence, ComparesNormalisedText) {
-    struct Case {
-        std::string a, b;
-        bool equal;
-    };
+    struct Case { std::string a, b; bool equal; };
     for (const Case& c : {
              Case{"caf\u00E9", "cafe\u0301", true},        // precomposed and combining
              Case{"a\u0323\u0301", "a\u0301\u0323", true},  // order of marks

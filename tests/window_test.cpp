@@ -29,6 +29,11 @@ std::function<void(StandardScene&)> listOf(std::vector<WindowListEntry> entries)
     return [entries](StandardScene& s) { s.desktop.windowList = entries; };
 }
 
+// Gives the window this size.
+std::function<void(StandardScene&)> sized(Size size) {
+    return [size](StandardScene& s) { s.desktop.set(s.window, "AXSize", size); };
+}
+
 TEST(Foreground, RefusesAWindowItCannotMeasureOrMatchExactlyOnce) {
     struct Case {
         const char* name;
@@ -38,15 +43,9 @@ TEST(Foreground, RefusesAWindowItCannotMeasureOrMatchExactlyOnce) {
     for (const Case& c : {
              Case{"no_focused_window", [](StandardScene& s) { s.desktop.unset(s.app, "AXFocusedWindow"); },
                   msg::kNoBounds},
-             Case{"zero_width", [](StandardScene& s) { s.desktop.set(s.window, "AXSize", Size{0, 600}); },
-                  msg::kNoBounds},
-             Case{"zero_height", [](StandardScene& s) { s.desktop.set(s.window, "AXSize", Size{800, 0}); },
-                  msg::kNoBounds},
-             Case{"nan_width",
-                  [](StandardScene& s) {
-                      s.desktop.set(s.window, "AXSize", Size{std::nan(""), 600});
-                  },
-                  msg::kNoBounds},
+             Case{"zero_width", sized({0, 600}), msg::kNoBounds},
+             Case{"zero_height", sized({800, 0}), msg::kNoBounds},
+             Case{"nan_width", sized({std::nan(""), 600}), msg::kNoBounds},
              Case{"empty_window_list", listOf({}), msg::kNotUnique},
              Case{"pid_as_string", listOf({{std::string("4242"), I{0}, kFrame, I{77}}}), msg::kNotUnique},
              Case{"other_process", listOf({{kPid + 1, I{0}, kFrame, I{77}}}), msg::kNotUnique},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iomanip>
 #include <sstream>
+#include <tuple>
 
 namespace quorvel::fake {
 
@@ -109,10 +110,13 @@ std::vector<ElementId> FakeDesktop::addTree(ElementId root, int count, int fanou
 
 std::string describe(const FakeEvent& e) {
     std::ostringstream s;
+    auto flags = [&] {
+        if (e.flags) s << " flags=0x" << std::hex << *e.flags << std::dec;
+    };
     switch (e.kind) {
         case FakeEvent::Kind::Keyboard:
             s << "key " << e.keyCode << (e.keyDown ? " down" : " up");
-            if (e.flags) s << " flags=0x" << std::hex << *e.flags << std::dec;
+            flags();
             if (e.hasUnicode) {
                 s << " text=\"";
                 for (char16_t u : e.unicode) {
@@ -128,14 +132,14 @@ std::string describe(const FakeEvent& e) {
         case FakeEvent::Kind::Mouse:
             s << "mouse " << (e.mouseType == MouseEventType::LeftMouseDown ? "down" : "up");
             if (e.clickState) s << " click=" << *e.clickState;
-            if (e.flags) s << " flags=0x" << std::hex << *e.flags << std::dec;
+            flags();
             s << " at " << e.location.x << "," << e.location.y;
             break;
         case FakeEvent::Kind::Scroll:
             s << "scroll " << (e.scrollUnit == ScrollUnit::Pixel ? "pixel" : "line")
               << " wheels=" << e.wheelCount << " delta=" << e.wheel[0] << "," << e.wheel[1]
               << "," << e.wheel[2];
-            if (e.flags) s << " flags=0x" << std::hex << *e.flags << std::dec;
+            flags();
             break;
     }
     return s.str();
@@ -282,9 +286,7 @@ Event FakeDesktop::createScrollWheelEvent(ScrollUnit unit, std::uint32_t wheelCo
     e.kind = FakeEvent::Kind::Scroll;
     e.scrollUnit = unit;
     e.wheelCount = wheelCount;
-    e.wheel[0] = w1;
-    e.wheel[1] = w2;
-    e.wheel[2] = w3;
+    std::tie(e.wheel[0], e.wheel[1], e.wheel[2]) = std::tie(w1, w2, w3);
     return newEvent(std::move(e));
 }
 
@@ -362,25 +364,26 @@ void StandardScene::focus(ElementId element) {
 }
 
 FormScene::FormScene(bool settable) {
+    // An element of this role at x,y of size w x h, with more attributes.
+    auto add = [this](const char* role, Rect r, std::map<std::string, Value> more = {}) {
+        more.insert({{"AXRole", std::string(role)}, {"AXPosition", Point{r.x, r.y}},
+                     {"AXSize", Size{r.width, r.height}}});
+        return desktop.add(std::move(more));
+    };
     auto text = [](const char* s) { return Value{std::string(s)}; };
-    ElementId label = desktop.add({{"AXRole", text("AXStaticText")}, {"AXValue", text("Name:")},
-                                   {"AXPosition", Point{110, 60}}, {"AXSize", Size{80, 20}}});
-    editor = desktop.add({{"AXRole", text("AXTextField")}, {"AXValue", text("hello")},
-                          {"AXEnabled", true}, {"AXEditable", true},
-                          {"AXPosition", Point{200, 60}}, {"AXSize", Size{300, 24}}});
-    twin = desktop.add({{"AXRole", text("AXTextArea")}, {"AXValue", text("hello")},
-                        {"AXPosition", Point{200, 100}}, {"AXSize", Size{300, 200}}});
+    ElementId label = add("AXStaticText", {110, 60, 80, 20}, {{"AXValue", text("Name:")}});
+    editor = add("AXTextField", {200, 60, 300, 24},
+                 {{"AXValue", text("hello")}, {"AXEnabled", true}, {"AXEditable", true}});
+    twin = add("AXTextArea", {200, 100, 300, 200}, {{"AXValue", text("hello")}});
     desktop.elements.at(editor).valueSettable = settable;
     desktop.elements.at(twin).valueSettable = settable;
-    password = desktop.add({{"AXRole", text("AXTextField")}, {"AXSubrole", text("AXSecureTextField")},
-                            {"AXValue", text(kSecretValue)}, {"AXTitle", text(kSecretTitle)},
-                            {"AXDescription", text(kSecretDescription)}, {"AXEnabled", true},
-                            {"AXEditable", true}, {"AXPosition", Point{200, 320}},
-                            {"AXSize", Size{300, 24}}});
+    password = add("AXTextField", {200, 320, 300, 24},
+                   {{"AXSubrole", text("AXSecureTextField")}, {"AXValue", text(kSecretValue)},
+                    {"AXTitle", text(kSecretTitle)}, {"AXDescription", text(kSecretDescription)},
+                    {"AXEnabled", true}, {"AXEditable", true}});
     // Writable if anyone asked, so that a write would not fail by itself.
     desktop.elements.at(password).valueSettable = true;
-    ElementId button = desktop.add({{"AXRole", text("AXButton")}, {"AXTitle", text("Save")},
-                                    {"AXPosition", Point{600, 500}}, {"AXSize", Size{80, 30}}});
+    ElementId button = add("AXButton", {600, 500, 80, 30}, {{"AXTitle", text("Save")}});
     ElementId slider = desktop.add({{"AXRole", text("AXSlider")}, {"AXValue", std::int64_t{42}}});
     group = desktop.add({{"AXRole", text("AXGroup")}});
     desktop.setChildren(standard.window, {label, editor, twin, group});
@@ -388,10 +391,7 @@ FormScene::FormScene(bool settable) {
     standard.focus(editor);
     desktop.pointer = Point{300, 300};
     desktop.recognized = {{{0.1, 0.8, 0.3, 0.1}, {{"Name:", 0.9f}}}};
-
-    ElementId otherWindow = desktop.add({{"AXRole", text("AXWindow")}, {"AXTitle", text("Other")},
-                                         {"AXPosition", Point{kOtherFrame.x, kOtherFrame.y}},
-                                         {"AXSize", Size{kOtherFrame.width, kOtherFrame.height}}});
+    ElementId otherWindow = add("AXWindow", kOtherFrame, {{"AXTitle", text("Other")}});
     desktop.set(desktop.applicationElement(kOtherPid), "AXFocusedWindow", desktop.handle(otherWindow));
 }
 

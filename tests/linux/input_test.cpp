@@ -159,11 +159,7 @@ TEST(SpareKeyRecord, ReadsBackWhatWasWrittenAndNothingElse) {
 // the keycode.
 TEST(SpareKeyRecord, GivesBackOnlyKeysThatHoldWhatTheBridgePutThere) {
     const RecordedKey key{93, emptyKey(), {0x1004e00, 0x1004e01, XK_eacute}};
-    struct {
-        const char* name;
-        KeyEntry now;
-        bool restores;
-    } cases[] = {
+    struct { const char* name; KeyEntry now; bool restores; } cases[] = {
         {"as_found", emptyKey(), false},
         {"one_character_the_bridge_put", keyHolding({XK_eacute}), true},
         {"two_levels_the_bridge_put", keyHolding({0x1004e00, 0x1004e01}), true},
@@ -216,10 +212,7 @@ TEST(WheelSteps, RoundPixelsToStepsAndNeverDropANonZeroAmount) {
 }
 
 TEST(KeysymForCharacter, UsesLegacyKeysymsAndUnicodeOnesBeyond) {
-    struct {
-        char32_t c;
-        KeySym keysym;
-    } cases[] = {
+    struct { char32_t c; KeySym keysym; } cases[] = {
         {U'\n', XK_Return},         {U'\r', XK_Return},   {U'\t', XK_Tab},
         {U'a', XK_a},               {U'[', XK_bracketleft},
         {U'é', XK_eacute},          {U'α', XK_Greek_alpha},

@@ -21,6 +21,7 @@
 #include "platform/linux/atspi/element_facts.h"
 #include "platform/linux/atspi/live_facts.h"
 #include "platform/linux/atspi/tree_snapshot.h"
+#include "scripted_facts.h"
 
 namespace quorvel::linux_backend {
 namespace {
@@ -29,10 +30,7 @@ constexpr char kSecret[] = "hunter2";
 constexpr char kBus[] = ":1.5";
 
 // What the test reads an element's role as; nothing for a read that fails.
-struct ScriptedElement {
-    std::optional<int> role;
-    std::string text;
-};
+struct ScriptedElement { std::optional<int> role; std::string text; };
 
 // One element whose role read fails, one password field, one plain entry
 // and one paragraph (whose value is text only when it offers the Text
@@ -181,32 +179,20 @@ private:
     std::vector<std::string> textsAsked_;
 };
 
-// Facts as an attribute read asks for them, from the script, with the order
-// of the role and text requests logged.
-struct LoggedFacts final : ElementFacts {
-    explicit LoggedFacts(ScriptedElement element) : element(std::move(element)) {}
-    ScriptedElement element;
-    std::vector<std::string> asked;
+// Facts as an attribute read asks for them, from the script.
+ScriptedFacts factsOf(const ScriptedElement& element) {
+    ScriptedFacts facts;
+    facts.roleValue = element.role;
+    facts.statesValue = 0;
+    facts.interfacesValue = std::vector<std::string>{"org.a11y.atspi.Accessible", kTextInterface};
+    facts.textValue = element.text;
+    return facts;
+}
 
-    std::optional<int> role() override { return asked.push_back("role"), element.role; }
-    std::optional<StateBits> states() override { return StateBits{0}; }
-    std::optional<std::string> name() override { return std::nullopt; }
-    std::optional<std::string> description() override { return std::nullopt; }
-    std::optional<Extents> extents() override { return std::nullopt; }
-    std::optional<std::vector<std::string>> interfaces() override {
-        asked.push_back("interfaces");
-        return std::vector<std::string>{"org.a11y.atspi.Accessible", kTextInterface};
-    }
-    std::optional<std::string> text() override { return asked.push_back("text"), element.text; }
-    std::optional<double> currentValue() override { return std::nullopt; }
-    std::optional<ElementList> children() override { return std::nullopt; }
-};
-
-// A read as text: its value, or "error".
-std::string outcome(const AttributeRead& read) {
-    if (read.code != kAXErrorSuccess) return "error";
-    if (auto* text = std::get_if<std::string>(&read.value)) return *text;
-    return "other";
+// "AXValue" as the core reads it; "error" for any failure.
+std::string value(const AttributeRead& read) {
+    std::string got = outcome(read);
+    return got.starts_with("error") ? "error" : got;
 }
 
 struct Expected {
@@ -223,8 +209,8 @@ const Expected kExpected[] = {
 
 TEST(LinuxSecrecy, AnAttributeReadAsksForTextOnlyAfterTheRoleRuledOutPassword) {
     for (const Expected& e : kExpected) {
-        LoggedFacts facts(elements().at(e.path));
-        EXPECT_EQ(outcome(readAttribute(facts, "AXValue")), e.value) << e.path;
+        ScriptedFacts facts = factsOf(elements().at(e.path));
+        EXPECT_EQ(value(readAttribute(facts, "AXValue")), e.value) << e.path;
         EXPECT_EQ(facts.asked, e.asked) << e.path;
     }
 }
@@ -241,10 +227,10 @@ TEST(LinuxSecrecy, TheTreePrefetchAsksForTextOnlyAfterTheRoleRuledOutPassword) {
         ASSERT_FALSE(snapshot.stalled());
         EXPECT_EQ(app.textsAsked(), texts);
         for (const Expected& e : kExpected) {
-            LoggedFacts live(elements().at(e.path));
+            ScriptedFacts live = factsOf(elements().at(e.path));
             std::unique_ptr<ElementFacts> facts = snapshot.facts({kBus, e.path}, live);
             ASSERT_TRUE(facts) << e.path;
-            EXPECT_EQ(outcome(readAttribute(*facts, "AXValue")), e.value) << e.path;
+            EXPECT_EQ(value(readAttribute(*facts, "AXValue")), e.value) << e.path;
             EXPECT_EQ(live.asked, std::vector<std::string>{}) << e.path << " was asked again";
         }
         EXPECT_EQ(app.textsAsked(), texts);

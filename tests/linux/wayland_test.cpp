@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/linux/wayland/keyboard.h"
@@ -58,11 +59,7 @@ std::vector<std::int64_t> ids(const std::vector<SwayWindow>& windows) {
 }
 
 TEST(SwayTree, WindowsComeFrontToBack) {
-    struct {
-        const char* label;
-        std::string json;
-        std::vector<std::int64_t> order;
-    } cases[] = {
+    struct { const char* label; std::string json; std::vector<std::int64_t> order; } cases[] = {
         {"floating on top, the last drawn first, then tiled by focus",
          tree("[5,21,4,6,7]"), {7, 6, 5, 8, 4, 9, 10}},
         {"another focus order", tree("[4,5,21]"), {7, 6, 4, 5, 8, 9, 10}},
@@ -79,22 +76,16 @@ TEST(SwayTree, WindowsComeFrontToBack) {
 TEST(SwayTree, AWindowIsTheClientsGeometryWithItsIdentity) {
     auto windows = parseTree(tree("[5,21,4]", R"(,"focused":true)"));
     ASSERT_TRUE(windows);
-    const SwayWindow* five = nullptr;
-    for (const SwayWindow& w : *windows)
-        if (w.id == 5) five = &w;
-    ASSERT_TRUE(five);
-    EXPECT_EQ(five->pid, 105);
-    EXPECT_EQ(five->title, "w5");
-    EXPECT_TRUE(five->focused && five->visible && !five->xwayland);
-    // The container's rect and the window's rect inside it.
-    EXPECT_EQ(five->bounds.x, 502);
-    EXPECT_EQ(five->bounds.y, 0);
-    EXPECT_EQ(five->bounds.width, 496);
-    EXPECT_EQ(five->bounds.height, 328);
     for (const SwayWindow& w : *windows) {
+        EXPECT_EQ(w.title, "w" + std::to_string(w.id));
+        EXPECT_EQ(w.pid, 100 + w.id);
         EXPECT_EQ(w.focused, w.id == 5) << w.id;
         EXPECT_EQ(w.xwayland, w.id == 7) << w.id;
         EXPECT_EQ(w.visible, w.id != 9 && w.id != 10) << w.id;
+        // The container's rect and the window's rect inside it.
+        if (w.id == 5)
+            EXPECT_EQ(std::tuple(w.bounds.x, w.bounds.y, w.bounds.width, w.bounds.height),
+                      std::tuple(502, 0, 496, 328));
     }
 }
 
@@ -134,12 +125,11 @@ TEST(WindowMapping, TheFrameIsTheCompositorsPlaceWithTheToolkitsSize) {
     };
     for (const auto& c : cases) {
         WindowMapping mapping = mapWindow(window, c.topLevel, c.children, c.relative);
-        EXPECT_EQ(mapping.frame.x, c.frame.x) << c.label;
-        EXPECT_EQ(mapping.frame.y, c.frame.y) << c.label;
-        EXPECT_EQ(mapping.frame.width, c.frame.width) << c.label;
-        EXPECT_EQ(mapping.frame.height, c.frame.height) << c.label;
-        EXPECT_EQ(mapping.offset.x, c.offset.x) << c.label;
-        EXPECT_EQ(mapping.offset.y, c.offset.y) << c.label;
+        const Rect& f = mapping.frame;
+        EXPECT_EQ(std::tuple(f.x, f.y, f.width, f.height, mapping.offset.x, mapping.offset.y),
+                  std::tuple(c.frame.x, c.frame.y, c.frame.width, c.frame.height, c.offset.x,
+                             c.offset.y))
+            << c.label;
     }
     EXPECT_FALSE(needsChildren(window, {0, 0, 1361, 740}, true));
     EXPECT_TRUE(needsChildren(window, {0, 0, 1413, 792}, true));

@@ -4,18 +4,15 @@
 // bridge beside itself, the end-to-end and package tests show.)
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "mcp/bridge_runner.h"
+#include "process.h"
 
 namespace quorvel::mcp {
 namespace {
@@ -97,40 +94,10 @@ TEST_F(Scripts, ABridgeThatIsNotThereIsAProblem) {
               "The bridge could not be started from " + missing + ": No such file or directory.");
 }
 
-// Runs quorvel-mcp with `args`, feeds it `input` and returns its output.
-std::string runServer(const std::vector<std::string>& args, const std::string& input, int& status) {
-    int in[2], out[2];
-    if (pipe(in) || pipe(out)) return "";
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        close(in[0]), close(in[1]), close(out[0]), close(out[1]);
-        std::vector<char*> argv{const_cast<char*>(QUORVEL_MCP_BINARY)};
-        for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    signal(SIGPIPE, SIG_IGN);
-    ssize_t ignored = write(in[1], input.data(), input.size());
-    (void)ignored;
-    close(in[1]);
-    std::string output;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;) output.append(buffer, static_cast<size_t>(n));
-    close(out[0]);
-    waitpid(pid, &status, 0);
-    return output;
-}
-
 TEST_F(Scripts, TheServerOutlivesACrashingBridge) {
     std::string crash = script("crash", "cat >/dev/null; kill -SEGV $$");
-    int status = -1;
-    std::string output = runServer(
-        {"--bridge", crash},
+    ::quorvel::testing::ProcessResult server = ::quorvel::testing::runProcess(
+        {QUORVEL_MCP_BINARY, "--bridge", crash},
         R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-11-25","capabilities":{},"clientInfo":{"name":"t","version":"1"}}})"
         "\n"
         R"({"jsonrpc":"2.0","method":"notifications/initialized"})"
@@ -138,17 +105,17 @@ TEST_F(Scripts, TheServerOutlivesACrashingBridge) {
         R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"observe","arguments":{}}})"
         "\r\n\n"
         R"({"jsonrpc":"2.0","id":3,"method":"ping"})",  // the last line without its newline
-        status);
-    std::istringstream lines(output);
+        {"PATH=/usr/bin:/bin"});
+    std::istringstream lines(server.out);
     std::vector<Json> replies;
     for (std::string line; std::getline(lines, line);) replies.push_back(Json::parse(line));
-    ASSERT_EQ(replies.size(), 3u) << output;
+    ASSERT_EQ(replies.size(), 3u) << server.out;
     EXPECT_EQ(replies[0]["result"]["protocolVersion"], "2025-11-25");
     EXPECT_EQ(replies[1]["result"]["isError"], true);
     EXPECT_EQ(replies[1]["result"]["content"][0]["text"],
               std::string("The bridge ended on signal 11 without an answer.") + kRetry);
     EXPECT_EQ(replies[2], Json::parse(R"({"jsonrpc":"2.0","id":3,"result":{}})"));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(server.status, 0);
 }
 
 }  // namespace

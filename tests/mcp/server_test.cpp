@@ -18,36 +18,39 @@ struct Exchange {
 };
 
 TEST(Server, AnswersEachMessageAsJsonRpcSays) {
-    const std::string error = R"({"error":{"code":)";
+    auto err = [](int code, const std::string& message, const std::string& id) {
+        return R"({"error":{"code":)" + std::to_string(code) + R"(,"message":")" + message +
+               R"("},"id":)" + id + R"(,"jsonrpc":"2.0"})";
+    };
     for (const Exchange& e : {
-             Exchange{"parse_error", "{\"jsonrpc\":", error + R"(-32700,"message":"Parse error"},"id":null,"jsonrpc":"2.0"})"},
+             Exchange{"parse_error", "{\"jsonrpc\":", err(-32700, "Parse error", "null")},
              Exchange{"batch", R"([{"jsonrpc":"2.0","id":1,"method":"ping"}])",
-                      error + R"(-32600,"message":"Invalid Request: batches are not supported."},"id":null,"jsonrpc":"2.0"})"},
-             Exchange{"scalar", "5", error + R"(-32600,"message":"Invalid Request"},"id":null,"jsonrpc":"2.0"})"},
+                      err(-32600, "Invalid Request: batches are not supported.", "null")},
+             Exchange{"scalar", "5", err(-32600, "Invalid Request", "null")},
              Exchange{"no_version", R"({"id":1,"method":"ping"})",
-                      error + R"(-32600,"message":"Invalid Request"},"id":1,"jsonrpc":"2.0"})"},
+                      err(-32600, "Invalid Request", "1")},
              Exchange{"old_version", R"({"jsonrpc":"1.0","id":"a","method":"ping"})",
-                      error + R"(-32600,"message":"Invalid Request"},"id":"a","jsonrpc":"2.0"})"},
+                      err(-32600, "Invalid Request", R"("a")")},
              Exchange{"method_not_string", R"({"jsonrpc":"2.0","id":1,"method":7})",
-                      error + R"(-32600,"message":"Invalid Request"},"id":1,"jsonrpc":"2.0"})"},
+                      err(-32600, "Invalid Request", "1")},
              Exchange{"null_id", R"({"jsonrpc":"2.0","id":null,"method":"ping"})",
-                      error + R"(-32600,"message":"Invalid Request: the id must be a string or an integer."},"id":null,"jsonrpc":"2.0"})"},
+                      err(-32600, "Invalid Request: the id must be a string or an integer.", "null")},
              Exchange{"notification", R"({"jsonrpc":"2.0","method":"notifications/initialized"})", ""},
              Exchange{"unknown_notification", R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":4}})", ""},
              Exchange{"response_from_client", R"({"jsonrpc":"2.0","id":9,"result":{}})", ""},
              Exchange{"ping", R"({"jsonrpc":"2.0","id":"p-1","method":"ping"})", R"({"id":"p-1","jsonrpc":"2.0","result":{}})"},
              Exchange{"unknown_method", R"({"jsonrpc":"2.0","id":2,"method":"resources/list"})",
-                      error + R"(-32601,"message":"Method not found: resources/list"},"id":2,"jsonrpc":"2.0"})"},
+                      err(-32601, "Method not found: resources/list", "2")},
              Exchange{"params_array", R"({"jsonrpc":"2.0","id":3,"method":"ping","params":[]})",
-                      error + R"(-32602,"message":"Invalid params: expected an object."},"id":3,"jsonrpc":"2.0"})"},
+                      err(-32602, "Invalid params: expected an object.", "3")},
              Exchange{"initialize_without_version", R"({"jsonrpc":"2.0","id":4,"method":"initialize","params":{}})",
-                      error + R"(-32602,"message":"Invalid params: protocolVersion must be a string."},"id":4,"jsonrpc":"2.0"})"},
+                      err(-32602, "Invalid params: protocolVersion must be a string.", "4")},
              Exchange{"call_without_name", R"({"jsonrpc":"2.0","id":5,"method":"tools/call","params":{}})",
-                      error + R"(-32602,"message":"Invalid params: name must be a string."},"id":5,"jsonrpc":"2.0"})"},
+                      err(-32602, "Invalid params: name must be a string.", "5")},
              Exchange{"call_arguments_array", R"({"jsonrpc":"2.0","id":6,"method":"tools/call","params":{"name":"observe","arguments":[]}})",
-                      error + R"(-32602,"message":"Invalid params: arguments must be an object."},"id":6,"jsonrpc":"2.0"})"},
+                      err(-32602, "Invalid params: arguments must be an object.", "6")},
              Exchange{"unknown_tool", R"({"jsonrpc":"2.0","id":7,"method":"tools/call","params":{"name":"drag"}})",
-                      error + R"(-32602,"message":"Unknown tool: drag"},"id":7,"jsonrpc":"2.0"})"},
+                      err(-32602, "Unknown tool: drag", "7")},
              Exchange{"tool_refusal", R"({"jsonrpc":"2.0","id":8,"method":"tools/call","params":{"name":"scroll","arguments":{"amount":5}}})",
                       R"({"id":8,"jsonrpc":"2.0","result":{"content":[{"text":"Observe the window first: input goes only to an observed window.","type":"text"}],"isError":true}})"},
          }) {

@@ -57,12 +57,7 @@ TEST(Tools, ObserveRunsTheBridgesObserveAndReturnsTheViewAndImage) {
 // bridge request it must make: the last observation's scope, the node's
 // centre, the node's observed value as the expected one.
 TEST(Tools, InputCallsCarryTheLastObservation) {
-    struct Case {
-        const char* tool;
-        Json arguments;
-        Json action;
-        std::string done;
-    };
+    struct Case { const char* tool; Json arguments; Json action; std::string done; };
     for (const Case& c : {
              Case{"click", {{"id", "1:ax-4"}}, {{"kind", "click"}, {"x", 640.5}, {"y", 515}, {"count", 1}},
                   "Clicked 1:ax-4 at (640.5,515). Observe to see the effect."},
@@ -91,7 +86,7 @@ TEST(Tools, InputCallsCarryTheLastObservation) {
     }
 }
 
-TEST(Tools, TheBridgesRefusalComesBackUnchangedAsAToolError) {
+TEST(Tools, TheBridgesRefusalComesBackUnchangedAsAToolErrorAndKeepsTheLastObservation) {
     Session s;
     s.observe();
     for (const BridgeAnswer& answer :
@@ -103,16 +98,10 @@ TEST(Tools, TheBridgesRefusalComesBackUnchangedAsAToolError) {
         EXPECT_TRUE(isError(result));
         EXPECT_EQ(textOf(result), answer.envelope ? answer.envelope->at("error").get<std::string>() : answer.problem);
     }
-    // None of it cost the observation: its ids still work.
-    s.bridge.answers.push_back(succeeded(kDone));
-    EXPECT_FALSE(isError(s.tools.call("click", {{"id", "1:ax-4"}})));
-}
-
-TEST(Tools, AFailedObservationKeepsTheLastOne) {
-    Session s;
-    s.observe();
+    // Nor does a failed observation.
     s.bridge.answers.push_back(refused("No foreground application. Unlock the desktop."));
     EXPECT_EQ(textOf(s.tools.call("observe", Json::object())), "No foreground application. Unlock the desktop.");
+    // None of it cost the observation: its ids still work.
     s.bridge.answers.push_back(succeeded(kDone));
     EXPECT_FALSE(isError(s.tools.call("click", {{"id", "1:ax-4"}})));
 }
@@ -126,19 +115,23 @@ TEST(Tools, RefusesBeforeAnythingRuns) {
         bool observed = true;  // after one observation (numbered 1), or before any
     };
     const std::string observeFirst = "Observe the window first: input goes only to an observed window.";
+    auto unknown = [](const char* id) {
+        return "Unknown node id \"" + std::string(id) + "\". Node ids look like 3:ax-12 and come from the last observation.";
+    };
+    const std::string needsTarget = "click needs a node id, or x and y.";
     for (const Case& c : {
              Case{"click", {{"id", "1:ax-4"}}, observeFirst, false},
              Case{"type_text", {{"text", "x"}, {"replace", false}}, observeFirst, false},
              Case{"press_key", {{"key", "tab"}}, observeFirst, false},
              Case{"scroll", {{"amount", 10}}, observeFirst, false},
-             Case{"click", {{"id", "2:ax-4"}}, "Unknown node id \"2:ax-4\". Node ids look like 3:ax-12 and come from the last observation."},
-             Case{"click", {{"id", "ax-4"}}, "Unknown node id \"ax-4\". Node ids look like 3:ax-12 and come from the last observation."},
+             Case{"click", {{"id", "2:ax-4"}}, unknown("2:ax-4")},
+             Case{"click", {{"id", "ax-4"}}, unknown("ax-4")},
              Case{"click", {{"id", "1:ax-99"}}, "Node 1:ax-99 is not in the last observation."},
              Case{"click", {{"id", "1:ax-7"}}, "Node 1:ax-7 has no part inside the window to click."},
              Case{"click", {{"id", "1:ax-6"}}, "Node 1:ax-6 has no part inside the window to click."},
-             Case{"click", Json::object(), "click needs a node id, or x and y."},
-             Case{"click", {{"x", 5}}, "click needs a node id, or x and y."},
-             Case{"click", {{"id", 4}}, "click needs a node id, or x and y."},
+             Case{"click", Json::object(), needsTarget},
+             Case{"click", {{"x", 5}}, needsTarget},
+             Case{"click", {{"id", 4}}, needsTarget},
              Case{"click", {{"id", "1:ax-4"}, {"double", "yes"}}, "click takes \"double\" as true or false."},
              Case{"type_text", {{"id", "1:ax-4"}, {"text", "x"}, {"replace", false}}, "Node 1:ax-4 is not an editable text field."},
              Case{"type_text", {{"id", "1:ax-3"}, {"text", "x"}, {"replace", true}}, "Node 1:ax-3 is not an editable text field."},
