@@ -48,7 +48,7 @@
 
 static GtkWidget *main_window, *second_window;
 static GtkWidget *entry, *password, *notes, *plain, *increment;
-static GtkWidget *status_label, *key_label, *click_label, *scroll_label;
+static GtkWidget *status_label, *key_label, *click_label;
 static int count;
 static gboolean announced;
 
@@ -223,13 +223,6 @@ static gboolean on_click_area(GtkWidget *widget, GdkEventButton *event, gpointer
     return FALSE;
 }
 
-static void on_scrolled(GtkAdjustment *adjustment, gpointer data) {
-    (void)data;
-    char text[64];
-    snprintf(text, sizeof text, "Scroll: %.0f", gtk_adjustment_get_value(adjustment));
-    gtk_label_set_text(GTK_LABEL(scroll_label), text);
-}
-
 /* Prints `word` once the X server has seen what was done before, so that
  * the caller who reads it finds the change in place. */
 static gboolean say(gpointer word) {
@@ -324,8 +317,7 @@ static void build_main_window(void) {
     status_label = gtk_label_new("Count: 0");
     key_label = gtk_label_new("Last key: none");
     click_label = gtk_label_new("Last click: none");
-    scroll_label = gtk_label_new("Scroll: 0");
-    GtkWidget *reports[] = {status_label, key_label, click_label, scroll_label};
+    GtkWidget *reports[] = {status_label, key_label, click_label};
     for (size_t i = 0; i < G_N_ELEMENTS(reports); i++) {
         gtk_label_set_xalign(GTK_LABEL(reports[i]), 0);
         gtk_box_pack_start(GTK_BOX(left), reports[i], FALSE, FALSE, 0);
@@ -378,8 +370,6 @@ static void build_main_window(void) {
         gtk_list_box_insert(GTK_LIST_BOX(list), label, -1);
     }
     gtk_container_add(GTK_CONTAINER(scroller), list);
-    GtkAdjustment *vertical = gtk_scrolled_window_get_vadjustment(GTK_SCROLLED_WINDOW(scroller));
-    g_signal_connect(vertical, "value-changed", G_CALLBACK(on_scrolled), NULL);
 
     gtk_widget_show_all(main_window);
     gtk_widget_grab_focus(increment);
