@@ -214,6 +214,11 @@ bool mentions(const Json& observation, const std::string& text) {
             }).is_null();
 }
 
+std::string valueOf(const Json& observation, const std::string& editor) {
+    Json record = node(observation, editor, {"AXTextField", "AXTextArea"});
+    return record.is_null() ? std::string("<missing>") : record.value("value", "");
+}
+
 std::string values(const Json& observation) {
     std::string all = observation.value("scope", Json()).dump() + "\n";
     for (const Json& record : observation.value("nodes", Json::array()))
@@ -410,18 +415,12 @@ std::int64_t activeProcess() {
 
 RunningApplication::RunningApplication(const std::string& name, const std::string& file,
                                        const std::string& scale) {
-    pid_ = fork();
-    if (pid_ == 0) {
-        setsid();
-        if (!scale.empty()) putenv(const_cast<char*>(scale.c_str()));
-        setenv("QUORVEL_FIXTURE", QUORVEL_FIXTURE_BINARY, 1);
-        // What the applications print is of no interest here.
-        int quiet = open("/dev/null", O_RDWR);
-        for (int fd : {0, 1, 2}) dup2(quiet, fd);
-        closefrom(3);
-        execl(QUORVEL_LAUNCH_APP, QUORVEL_LAUNCH_APP, name.c_str(), file.c_str(), nullptr);
-        _exit(127);
-    }
+    // setsid(1) makes it the leader of a process group of its own, and env
+    // sets its variables; both run it in their own place.
+    std::vector<std::string> argv = {"setsid", "env", "QUORVEL_FIXTURE=" QUORVEL_FIXTURE_BINARY};
+    if (!scale.empty()) argv.push_back(scale);
+    argv.insert(argv.end(), {QUORVEL_LAUNCH_APP, name, file});
+    pid_ = spawn(argv);
 }
 
 RunningApplication::~RunningApplication() {

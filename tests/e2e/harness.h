@@ -97,6 +97,8 @@ Json node(const Json& observation, const std::string& name,
           const std::vector<std::string>& roles = {});
 // The editable node of `role` whose value is `value`.
 Json editorWith(const Json& observation, const std::string& role, const std::string& value);
+// The value of the editor named `editor`; "<missing>" when there is none.
+std::string valueOf(const Json& observation, const std::string& editor);
 // Whether some node's name or value holds `text`.
 bool mentions(const Json& observation, const std::string& text);
 // Every node's role and value, for failure messages.

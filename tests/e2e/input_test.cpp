@@ -16,11 +16,6 @@ Json editorNamed(const Json& observation, const std::string& name) {
     return node(observation, name, {"AXTextField", "AXTextArea"});
 }
 
-std::string valueOf(const Json& observation, const std::string& editor) {
-    Json record = editorNamed(observation, editor);
-    return record.is_null() ? std::string("<missing>") : record.value("value", "");
-}
-
 std::string label(const Json& observation, const std::string& prefix) {
     Json record = find(observation, [&](const Json& n) { return n.value("name", "").rfind(prefix, 0) == 0; });
     return record.is_null() ? std::string("<missing>") : record.value("name", "");

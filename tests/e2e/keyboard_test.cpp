@@ -18,11 +18,6 @@ constexpr char kRecord[] = "_QUORVEL_SPARE_KEYS";
 constexpr char kKeyboardBusy[] =
     "Another bridge is typing on this desktop. Retry when it has finished.";
 
-std::string notesValue(const Json& observation) {
-    Json notes = node(observation, "Notes", {"AXTextArea"});
-    return notes.is_null() ? std::string("<missing>") : notes.value("value", "");
-}
-
 struct Ending {
     const char* name;
     int signal;
@@ -91,8 +86,8 @@ TEST(TwoBridges, TypingAtOnceTakeTurnsAndNeverMixTheirCharacters) {
     for (unsigned round = 0; round < 20; ++round) {
         SCOPED_TRACE("round " + std::to_string(round + 1));
         fixture.command("notes ");
-        Json seen = observeUntil([](const Json& o) { return notesValue(o).empty(); });
-        ASSERT_EQ(notesValue(seen), "");
+        Json seen = observeUntil([](const Json& o) { return valueOf(o, "Notes").empty(); });
+        ASSERT_EQ(valueOf(seen, "Notes"), "");
         // Different characters in each text, so that each needs spare keys
         // of its own.
         const std::string texts[] = {mixedText(40, 100, 2 * round + 1), mixedText(40, 100, 2 * round + 2)};
@@ -109,7 +104,8 @@ TEST(TwoBridges, TypingAtOnceTakeTurnsAndNeverMixTheirCharacters) {
         auto isPossible = [&](const std::string& value) {
             return std::find(possible.begin(), possible.end(), value) != possible.end();
         };
-        std::string value = notesValue(observeUntil([&](const Json& o) { return isPossible(notesValue(o)); }));
+        std::string value =
+            valueOf(observeUntil([&](const Json& o) { return isPossible(valueOf(o, "Notes")); }), "Notes");
         EXPECT_PRED1(isPossible, value);
     }
     std::cout << "[ two bridges ] both typed in " << bothTyped << " of 20 rounds\n";
