@@ -1,38 +1,37 @@
-/* The GTK 3 window that the end-to-end tests, the benchmark and the demo
- * observe and operate.
- *
- * It holds every kind of widget the bridge has to describe: a text entry, a
- * password entry, a multi-line text view, an editor that accessibility cannot
- * write to, buttons that change a label, labels that report the last key and
- * click the window received, a long scrollable list, and a grid of small
- * cells that gives the window well over 1500 accessible elements on screen
- * (the list's rows out of sight are not among its children).
- *
- * It prints "ready" on standard output once its window is active, then takes
- * one command per line on standard input and answers each with "ok" once it
- * has been applied (the window manager may still be catching up with moves):
- *
- *   title TEXT        retitle the main window
- *   move DX DY        move the main window by DX, DY pixels
- *   second            open a second window of the same size at the same place
- *   close-second      close it again
- *   iconify           iconify every window, so none is in front
- *   present           bring the main window back to the front
- *   label TEXT        set the status label
- *   entry TEXT | password TEXT | notes TEXT
- *                     set the contents of that editor
- *   focus NAME        focus entry, password, notes or plain (else Increment)
- *   freeze SECONDS    stop answering anything (accessibility included)
- *   no-ping           stop offering the window manager's ping (_NET_WM_PING),
- *                     like an application that never answers it
- *   quit
- *
- * End of input quits too, so the fixture never outlives its test.
- *
- * Under Wayland a window cannot place, iconify or raise itself: there the
- * fixture asks sway for what moving, iconifying (to sway's scratchpad) and
- * presenting do under X, with swaymsg.
- */
+// The GTK 3 window that the end-to-end tests, the benchmark and the demo
+// observe and operate.
+//
+// It holds every kind of widget the bridge has to describe: a text entry, a
+// password entry, a multi-line text view, an editor that accessibility cannot
+// write to, buttons that change a label, labels that report the last key and
+// click the window received, a long scrollable list, and a grid of small
+// cells that gives the window well over 1500 accessible elements on screen
+// (the list's rows out of sight are not among its children).
+//
+// It prints "ready" on standard output once its window is active, then takes
+// one command per line on standard input and answers each with "ok" once it
+// has been applied (the window manager may still be catching up with moves):
+//
+//   title TEXT        retitle the main window
+//   move DX DY        move the main window by DX, DY pixels
+//   second            open a second window of the same size at the same place
+//   close-second      close it again
+//   iconify           iconify every window, so none is in front
+//   present           bring the main window back to the front
+//   label TEXT        set the status label
+//   entry TEXT | password TEXT | notes TEXT
+//                     set the contents of that editor
+//   focus NAME        focus entry, password, notes or plain (else Increment)
+//   freeze SECONDS    stop answering anything (accessibility included)
+//   no-ping           stop offering the window manager's ping (_NET_WM_PING),
+//                     like an application that never answers it
+//   quit
+//
+// End of input quits too, so the fixture never outlives its test.
+//
+// Under Wayland a window cannot place, iconify or raise itself: there the
+// fixture asks sway for what moving, iconifying (to sway's scratchpad) and
+// presenting do under X, with swaymsg.
 #include <gtk/gtk.h>
 #include <gtk/gtk-a11y.h>
 #include <gdk/gdkwayland.h>
@@ -48,16 +47,16 @@
 
 static GtkWidget *main_window, *second_window;
 static GtkWidget *entry, *password, *notes, *plain, *increment;
-static GtkWidget *status_label, *key_label, *click_label, *scroll_label;
+static GtkWidget *status_label, *key_label, *click_label;
 static int count;
 static gboolean announced;
 
-/* ---- An editor that accessibility can read but not write ------------------
- * It exposes the Text interface and the EDITABLE state but no EditableText,
- * so its value is not settable and replacing its text has to go through a
- * select-all key press followed by typing. It takes keys itself: Ctrl+A
- * selects everything, any other character is inserted (replacing the
- * selection). */
+// ---- An editor that accessibility can read but not write ------------------
+// It exposes the Text interface and the EDITABLE state but no EditableText,
+// so its value is not settable and replacing its text has to go through a
+// select-all key press followed by typing. It takes keys itself: Ctrl+A
+// selects everything, any other character is inserted (replacing the
+// selection).
 
 typedef struct {
     GtkDrawingArea parent;
@@ -94,7 +93,7 @@ static gchar *plain_get_text(AtkText *text, gint start, gint end) {
     return g_utf8_substring(accessible_text(text), CLAMP(start, 0, end), end);
 }
 
-/* Typing always appends, so the caret is at the end. */
+// Typing always appends, so the caret is at the end.
 static gint plain_get_caret_offset(AtkText *text) { return plain_get_character_count(text); }
 
 static void plain_text_iface_init(AtkTextIface *iface) {
@@ -129,7 +128,7 @@ static void plain_editor_accessible_init(PlainEditorAccessible *self) { (void)se
 
 G_DEFINE_TYPE(PlainEditor, plain_editor, GTK_TYPE_DRAWING_AREA)
 
-/* Black text in a white box, framed more thickly while it has the focus. */
+// Black text in a white box, framed more thickly while it has the focus.
 static gboolean plain_draw(GtkWidget *widget, cairo_t *cr) {
     cairo_set_source_rgb(cr, 1, 1, 1);
     cairo_paint(cr);
@@ -183,13 +182,13 @@ static void plain_editor_init(PlainEditor *editor) {
     gtk_widget_set_size_request(GTK_WIDGET(editor), -1, 34);
 }
 
-/* ---- The main window ------------------------------------------------------ */
+// ---- The main window ------------------------------------------------------
 
 static void name_widget(GtkWidget *widget, const char *name) {
     atk_object_set_name(gtk_widget_get_accessible(widget), name);
 }
 
-/* Increment adds one, Reset (whose data is non-null) starts again. */
+// Increment adds one, Reset (whose data is non-null) starts again.
 static void on_count(GtkButton *button, gpointer reset) {
     (void)button;
     count = reset ? 0 : count + 1;
@@ -198,8 +197,8 @@ static void on_count(GtkButton *button, gpointer reset) {
     gtk_label_set_text(GTK_LABEL(status_label), text);
 }
 
-/* Reports the last key the window received, with its modifiers, before any
- * widget handles it (so Tab is reported even though it moves the focus). */
+// Reports the last key the window received, with its modifiers, before any
+// widget handles it (so Tab is reported even though it moves the focus).
 static gboolean on_key_press(GtkWidget *widget, GdkEventKey *event, gpointer data) {
     (void)widget, (void)data;
     if (event->is_modifier) return FALSE;
@@ -213,8 +212,8 @@ static gboolean on_key_press(GtkWidget *widget, GdkEventKey *event, gpointer dat
     return FALSE;
 }
 
-/* Reports the click count GTK saw: a second press within the double-click
- * time arrives as a 2BUTTON_PRESS. */
+// Reports the click count GTK saw: a second press within the double-click
+// time arrives as a 2BUTTON_PRESS.
 static gboolean on_click_area(GtkWidget *widget, GdkEventButton *event, gpointer data) {
     (void)widget, (void)data;
     gtk_label_set_text(GTK_LABEL(click_label), event->type == GDK_2BUTTON_PRESS
@@ -223,15 +222,8 @@ static gboolean on_click_area(GtkWidget *widget, GdkEventButton *event, gpointer
     return FALSE;
 }
 
-static void on_scrolled(GtkAdjustment *adjustment, gpointer data) {
-    (void)data;
-    char text[64];
-    snprintf(text, sizeof text, "Scroll: %.0f", gtk_adjustment_get_value(adjustment));
-    gtk_label_set_text(GTK_LABEL(scroll_label), text);
-}
-
-/* Prints `word` once the X server has seen what was done before, so that
- * the caller who reads it finds the change in place. */
+// Prints `word` once the X server has seen what was done before, so that
+// the caller who reads it finds the change in place.
 static gboolean say(gpointer word) {
     gdk_display_sync(gdk_display_get_default());
     printf("%s\n", (const char *)word);
@@ -243,16 +235,16 @@ static void on_active(GObject *object, GParamSpec *pspec, gpointer data) {
     (void)pspec, (void)data;
     if (announced || !gtk_window_is_active(GTK_WINDOW(object))) return;
     announced = TRUE;
-    /* The entry selected its text when it held the focus for a moment at
-     * start; selected text is drawn inverted, which reads worse. */
+    // The entry selected its text when it held the focus for a moment at
+    // start; selected text is drawn inverted, which reads worse.
     gtk_editable_select_region(GTK_EDITABLE(entry), 0, 0);
-    /* The window manager may still be placing and framing the window when
-     * it first becomes active; give it a moment to settle. */
+    // The window manager may still be placing and framing the window when
+    // it first becomes active; give it a moment to settle.
     g_timeout_add(250, say, "ready");
 }
 
-/* A row of `box`: the caption, then `widget`; `named` (the widget or what it
- * holds) takes the caption as its accessible name. */
+// A row of `box`: the caption, then `widget`; `named` (the widget or what it
+// holds) takes the caption as its accessible name.
 static void labelled_row(GtkWidget *box, const char *caption, GtkWidget *named, GtkWidget *widget) {
     name_widget(named, caption);
     GtkWidget *row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 8);
@@ -303,8 +295,8 @@ static void build_main_window(void) {
     notes = gtk_text_view_new();
     gtk_text_buffer_set_text(gtk_text_view_get_buffer(GTK_TEXT_VIEW(notes)),
                              "First line\nSecond line", -1);
-    /* Scrolled and wrapped, so that typing many lines never grows the
-     * window, which would change its scope in the middle of the typing. */
+    // Scrolled and wrapped, so that typing many lines never grows the
+    // window, which would change its scope in the middle of the typing.
     GtkWidget *notes_frame = gtk_scrolled_window_new(NULL, NULL);
     gtk_scrolled_window_set_shadow_type(GTK_SCROLLED_WINDOW(notes_frame), GTK_SHADOW_IN);
     gtk_text_view_set_wrap_mode(GTK_TEXT_VIEW(notes), GTK_WRAP_WORD_CHAR);
@@ -324,8 +316,7 @@ static void build_main_window(void) {
     status_label = gtk_label_new("Count: 0");
     key_label = gtk_label_new("Last key: none");
     click_label = gtk_label_new("Last click: none");
-    scroll_label = gtk_label_new("Scroll: 0");
-    GtkWidget *reports[] = {status_label, key_label, click_label, scroll_label};
+    GtkWidget *reports[] = {status_label, key_label, click_label};
     for (size_t i = 0; i < G_N_ELEMENTS(reports); i++) {
         gtk_label_set_xalign(GTK_LABEL(reports[i]), 0);
         gtk_box_pack_start(GTK_BOX(left), reports[i], FALSE, FALSE, 0);
@@ -341,9 +332,9 @@ static void build_main_window(void) {
     gtk_container_add(GTK_CONTAINER(click_frame), click_area);
     gtk_box_pack_start(GTK_BOX(left), click_frame, FALSE, FALSE, 0);
 
-    /* The grid of cells, above the list. It sits a few boxes deep, so that
-     * a breadth-first walk meets every other widget (the list's rows
-     * included) before its cells fill the walk's budget. */
+    // The grid of cells, above the list. It sits a few boxes deep, so that
+    // a breadth-first walk meets every other widget (the list's rows
+    // included) before its cells fill the walk's budget.
     GtkWidget *right = gtk_box_new(GTK_ORIENTATION_VERTICAL, 4);
     gtk_box_pack_start(GTK_BOX(columns), right, TRUE, TRUE, 0);
     GtkWidget *holder = right;
@@ -363,7 +354,7 @@ static void build_main_window(void) {
         }
     gtk_box_pack_start(GTK_BOX(holder), grid, FALSE, FALSE, 0);
 
-    /* The long list: every row is a list item holding a label. */
+    // The long list: every row is a list item holding a label.
     GtkWidget *scroller = gtk_scrolled_window_new(NULL, NULL);
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroller), GTK_POLICY_NEVER,
                                    GTK_POLICY_ALWAYS);
@@ -378,24 +369,22 @@ static void build_main_window(void) {
         gtk_list_box_insert(GTK_LIST_BOX(list), label, -1);
     }
     gtk_container_add(GTK_CONTAINER(scroller), list);
-    GtkAdjustment *vertical = gtk_scrolled_window_get_vadjustment(GTK_SCROLLED_WINDOW(scroller));
-    g_signal_connect(vertical, "value-changed", G_CALLBACK(on_scrolled), NULL);
 
     gtk_widget_show_all(main_window);
     gtk_widget_grab_focus(increment);
 }
 
-/* ---- Commands --------------------------------------------------------------- */
+// ---- Commands ---------------------------------------------------------------
 
 static gboolean on_wayland(void) { return GDK_IS_WAYLAND_DISPLAY(gdk_display_get_default()); }
 
-/* Runs a sway command on the main window (this process's window with its
- * title; on every window of this process when `all`), and waits for it. */
+// Runs a sway command on the main window (this process's window with its
+// title; on every window of this process when `all`), and waits for it.
 static void sway_command(gboolean all, const char *command) {
     GString *criteria = g_string_new(NULL);
     g_string_printf(criteria, "[pid=%d", (int)getpid());
     if (!all) {
-        /* The title as a regular expression that matches it alone. */
+        // The title as a regular expression that matches it alone.
         g_string_append(criteria, " title=\"^");
         for (const char *c = gtk_window_get_title(GTK_WINDOW(main_window)); *c; c++) {
             if (strchr("\\^$.|?*+()[]{}\"", *c)) g_string_append_c(criteria, '\\');
@@ -457,7 +446,7 @@ static gboolean run_command(char *line) {
         }
     } else if (!strcmp(line, "present")) {
         if (on_wayland()) {
-            /* Focusing a window in the scratchpad shows it again. */
+            // Focusing a window in the scratchpad shows it again.
             sway_command(FALSE, "focus");
         } else {
             gtk_window_deiconify(GTK_WINDOW(main_window));
@@ -498,9 +487,9 @@ static gboolean run_command(char *line) {
         say("unknown command");
         return TRUE;
     }
-    /* Answer once the change is complete: GTK finishes some of it in idle
-     * callbacks (the accessible focus follows the widget focus from one,
-     * painting happens in another), so the answer waits behind them. */
+    // Answer once the change is complete: GTK finishes some of it in idle
+    // callbacks (the accessible focus follows the widget focus from one,
+    // painting happens in another), so the answer waits behind them.
     g_idle_add_full(G_PRIORITY_LOW, say, "ok", NULL);
     return TRUE;
 }
@@ -528,8 +517,8 @@ int main(int argc, char **argv) {
     gtk_init(&argc, &argv);
     g_set_application_name("Quorvel Fixture");
 
-    /* A still window hashes the same every time: no blinking caret, no
-     * animations. */
+    // A still window hashes the same every time: no blinking caret, no
+    // animations.
     g_object_set(gtk_settings_get_default(), "gtk-cursor-blink", FALSE, "gtk-enable-animations",
                  FALSE, NULL);
 

@@ -11,10 +11,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
+#include <cstring>
+#include <filesystem>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -29,16 +30,38 @@ extern char** environ;
 namespace quorvel::e2e {
 namespace {
 
-std::vector<std::string> sessionEnvironment() {
-    std::vector<std::string> environment;
-    for (char** entry = environ; *entry; ++entry) environment.emplace_back(*entry);
-    return environment;
-}
-
 Display* display() {
     static Display* connection = XOpenDisplay(nullptr);
     if (!connection) throw std::runtime_error("no X display; run inside scripts/desktop");
     return connection;
+}
+
+}  // namespace
+
+std::string shell(const std::string& command) {
+    std::string text;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) throw std::runtime_error("popen " + command);
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
+    pclose(pipe);
+    return text;
+}
+
+namespace {
+
+Reply checked(const std::string& out, int status) {
+    EXPECT_EQ(out.find(kSecret), std::string::npos) << out.substr(0, 300);
+    return {out, Json::parse(out, nullptr, false), status};
+}
+
+// The fixture answers each command with one line.
+std::string readLine(std::FILE* out) {
+    pollfd descriptor{fileno(out), POLLIN, 0};
+    char line[256];
+    if (poll(&descriptor, 1, 30000) <= 0 || !std::fgets(line, sizeof line, out))
+        throw std::runtime_error("the fixture did not answer");
+    return std::string(line, std::strcspn(line, "\n"));
 }
 
 }  // namespace
@@ -71,94 +94,41 @@ Fixture::Fixture() {
     close(in[0]);
     close(out[1]);
     in_ = in[1];
-    out_ = out[0];
+    out_ = fdopen(out[0], "r");
     signal(SIGPIPE, SIG_IGN);
-    if (readLine() != "ready") throw std::runtime_error("fixture not ready");
+    if (readLine(out_) != "ready") throw std::runtime_error("fixture not ready");
 }
 
 Fixture::~Fixture() {
     close(in_);  // end of input quits the fixture
-    close(out_);
-    for (int i = 0; i < 50; ++i) {
+    std::fclose(out_);
+    for (int i = 0; i < 50; ++i, std::this_thread::sleep_for(100ms))
         if (waitpid(pid_, nullptr, WNOHANG) == pid_) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
-}
-
-std::string Fixture::readLine() {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    for (;;) {
-        if (size_t end = buffered_.find('\n'); end != std::string::npos) {
-            std::string line = buffered_.substr(0, end);
-            buffered_.erase(0, end + 1);
-            return line;
-        }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) throw std::runtime_error("fixture did not answer");
-        pollfd descriptor{out_, POLLIN, 0};
-        if (poll(&descriptor, 1, static_cast<int>(left.count())) <= 0) continue;
-        char buffer[4096];
-        ssize_t got = read(out_, buffer, sizeof buffer);
-        if (got <= 0) throw std::runtime_error("fixture ended");
-        buffered_.append(buffer, static_cast<size_t>(got));
-    }
 }
 
 void Fixture::command(const std::string& line) {
     std::string text = line + "\n";
     if (write(in_, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         throw std::runtime_error("fixture gone");
-    std::string answer = readLine();
-    if (answer != "ok") throw std::runtime_error("fixture refused " + line + ": " + answer);
+    if (std::string answer = readLine(out_); answer != "ok")
+        throw std::runtime_error("fixture refused " + line + ": " + answer);
 }
 
 Reply bridge(const Json& request) {
-    testing::ProcessResult result = testing::runBridge(request.dump(), sessionEnvironment());
-    return {result.out, Json::parse(result.out, nullptr, false), result.status};
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry; ++entry) environment.emplace_back(*entry);
+    testing::ProcessResult result = testing::runBridge(request.dump(), environment);
+    return checked(result.out, result.status);
 }
 
-std::vector<Reply> bridgesAtOnce(const std::vector<Json>& requests) {
-    struct Child {
-        pid_t pid;
-        int in;
-        std::FILE* out;
-    };
-    std::vector<Child> children;
-    for (size_t i = 0; i < requests.size(); ++i) {
-        int in[2];
-        std::FILE* out = std::tmpfile();
-        if (pipe(in) || !out) throw std::runtime_error("pipe");
-        children.push_back({spawn({QUORVEL_BRIDGE_BINARY}, in[0], fileno(out)), in[1], out});
-        close(in[0]);
-    }
-    for (size_t i = 0; i < requests.size(); ++i) {
-        std::string text = requests[i].dump();
-        if (write(children[i].in, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-            throw std::runtime_error("bridge gone");
-        close(children[i].in);
-    }
-    std::vector<Reply> replies;
-    for (Child& child : children) {
-        int status = 0;
-        waitpid(child.pid, &status, 0);
-        std::string out;
-        std::rewind(child.out);
-        char buffer[4096];
-        for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, child.out)) > 0;) out.append(buffer, n);
-        std::fclose(child.out);
-        replies.push_back({out, Json::parse(out, nullptr, false),
-                           WIFEXITED(status) ? WEXITSTATUS(status) : -1});
-    }
-    return replies;
-}
+Reply act(const Json& scope, const Json& action) { return bridge(actRequest(scope, action)); }
 
-pid_t startBridge(const Json& request) {
+pid_t startBridge(const Json& request, int out) {
     int in[2];
     if (pipe(in)) throw std::runtime_error("pipe");
-    pid_t pid = spawn({QUORVEL_BRIDGE_BINARY}, in[0]);
+    pid_t pid = spawn({QUORVEL_BRIDGE_BINARY}, in[0], out);
     close(in[0]);
     std::string text = request.dump();
     if (write(in[1], text.data(), text.size()) != static_cast<ssize_t>(text.size()))
@@ -167,14 +137,30 @@ pid_t startBridge(const Json& request) {
     return pid;
 }
 
-Json observe(const std::string& operation) {
-    Reply reply = bridge(request(operation));
-    EXPECT_TRUE(reply.ok()) << reply.raw;
-    return reply.ok() ? reply.json["result"] : Json::object();
+std::vector<Reply> bridgesAtOnce(const std::vector<Json>& requests) {
+    std::vector<std::pair<pid_t, std::FILE*>> children;
+    for (const Json& request : requests) {
+        std::FILE* out = std::tmpfile();
+        children.emplace_back(startBridge(request, fileno(out)), out);
+    }
+    std::vector<Reply> replies;
+    for (auto [pid, out] : children) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        std::string text;
+        std::rewind(out);
+        char buffer[4096];
+        for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, out)) > 0;) text.append(buffer, n);
+        std::fclose(out);
+        replies.push_back(checked(text, WIFEXITED(status) ? WEXITSTATUS(status) : -1));
+    }
+    return replies;
 }
 
-Json act(const Json& scope, const Json& action) {
-    return bridge(actRequest(scope, action)).json;
+Json observe(const std::string& operation) {
+    Reply reply = bridge(request(operation));
+    EXPECT_TRUE(reply.ok()) << reply.raw.substr(0, 300);
+    return reply.ok() ? reply.json["result"] : Json::object();
 }
 
 Reply askUntil(const Json& request, const std::function<bool(const Reply&)>& accept,
@@ -183,30 +169,62 @@ Reply askUntil(const Json& request, const std::function<bool(const Reply&)>& acc
     for (;;) {
         Reply reply = bridge(request);
         if (accept(reply) || std::chrono::steady_clock::now() > deadline) return reply;
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::this_thread::sleep_for(200ms);
     }
 }
 
-Json observeUntil(const std::function<bool(const Json&)>& accept, std::chrono::milliseconds limit) {
+Json observeUntil(const std::function<bool(const Json&)>& accept, std::chrono::milliseconds limit,
+                  const std::string& operation) {
     auto accepted = [&](const Reply& r) { return r.ok() && accept(r.json["result"]); };
-    Reply reply = askUntil(request("context"), accepted, limit);
+    Reply reply = askUntil(request(operation), accepted, limit);
     return reply.ok() ? reply.json["result"] : Json::object();
 }
 
-Json node(const Json& observation, const std::string& name, const std::vector<std::string>& roles) {
-    for (const Json& record : observation.value("nodes", Json::array())) {
-        if (record.value("name", "") != name) continue;
-        if (roles.empty()) return record;
-        for (const std::string& role : roles)
-            if (record.value("role", "") == role) return record;
-    }
+Json expectSoon(const std::string& what, const std::function<bool(const Json&)>& accept,
+                std::chrono::milliseconds limit, const std::string& operation) {
+    Json seen = observeUntil(accept, limit, operation);
+    EXPECT_TRUE(accept(seen)) << "never seen: " << what << "\n" << values(seen);
+    return seen;
+}
+
+Json find(const Json& observation, const std::function<bool(const Json&)>& test) {
+    for (const Json& record : observation.value("nodes", Json::array()))
+        if (test(record)) return record;
     return nullptr;
 }
 
-Json nodeStartingWith(const Json& observation, const std::string& prefix) {
+Json node(const Json& observation, const std::string& name, const std::vector<std::string>& roles) {
+    return find(observation, [&](const Json& record) {
+        return record.value("name", "") == name &&
+               (roles.empty() ||
+                std::find(roles.begin(), roles.end(), record.value("role", "")) != roles.end());
+    });
+}
+
+Json editorWith(const Json& observation, const std::string& role, const std::string& value) {
+    return find(observation, [&](const Json& record) {
+        return record["editable"] == true && record["role"] == role && record["value"] == value;
+    });
+}
+
+bool mentions(const Json& observation, const std::string& text) {
+    return !find(observation, [&](const Json& record) {
+                return record.value("name", "").find(text) != std::string::npos ||
+                       record.value("value", "").find(text) != std::string::npos;
+            }).is_null();
+}
+
+std::string valueOf(const Json& observation, const std::string& editor) {
+    Json record = node(observation, editor, {"AXTextField", "AXTextArea"});
+    return record.is_null() ? std::string("<missing>") : record.value("value", "");
+}
+
+std::string values(const Json& observation) {
+    std::string all = observation.value("scope", Json()).dump() + "\n";
     for (const Json& record : observation.value("nodes", Json::array()))
-        if (record.value("name", "").rfind(prefix, 0) == 0) return record;
-    return nullptr;
+        if (record["value"].is_string() && record["value"] != "")
+            all += record.value("role", "") + " " + record["value"].dump().substr(0, 200) + "\n";
+    return all;
 }
 
 double centerX(const Json& record) {
@@ -215,16 +233,37 @@ double centerX(const Json& record) {
 double centerY(const Json& record) {
     return record["bounds"]["y"].get<double>() + record["bounds"]["height"].get<double>() / 2;
 }
+Json clickAt(const Json& record, int count) {
+    return {{"kind", "click"}, {"x", centerX(record)}, {"y", centerY(record)}, {"count", count}};
+}
 
-// The standard output of a command, run to its end.
-static std::string output(const std::string& command) {
-    std::string text;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) throw std::runtime_error("popen " + command);
-    char buffer[4096];
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
-    pclose(pipe);
-    return text;
+bool inside(const Json& inner, const Json& outer) {
+    double x = inner["x"], y = inner["y"], w = inner["width"], h = inner["height"];
+    double X = outer["x"], Y = outer["y"], W = outer["width"], H = outer["height"];
+    return x >= X && y >= Y && x + w <= X + W && y + h <= Y + H;
+}
+
+Json expectStaleScopesRefused(const Json& seen, bool movable) {
+    const Json scope = seen["scope"];
+    {
+        Fixture inFront;
+        EXPECT_EQ(act(scope, kEscape).error(), kWindowChanged);
+    }
+    auto same = [&](const Json& o) { return o["scope"] == scope; };
+    Json back = observeUntil(same, 5s);
+    if (!same(back)) {
+        activateWindow(scope["window_id"]);
+        back = expectSoon("the window back in front", same);
+    }
+    EXPECT_TRUE(act(scope, kEscape).ok());
+    if (!movable) return back;
+    const Json focused = back["context"]["focused_value"];
+    moveWindow(scope["window_id"], 24, 16);
+    observeUntil([&](const Json& o) { return !same(o); });
+    EXPECT_EQ(act(scope, typing("stale", focused)).error(), kWindowChanged);
+    Json after = observe();
+    EXPECT_EQ(after["context"]["focused_value"], focused);
+    return after;
 }
 
 bool onWayland() {
@@ -234,12 +273,10 @@ bool onWayland() {
 
 void movePointer(int x, int y) {
     if (onWayland()) {
-        output("swaymsg seat seat0 cursor set " + std::to_string(x) + " " + std::to_string(y));
+        shell("swaymsg seat seat0 cursor set " + std::to_string(x) + " " + std::to_string(y));
         return;
     }
-    Display* x11 = display();
-    XWarpPointer(x11, None, DefaultRootWindow(x11), 0, 0, 0, 0, x, y);
-    XSync(x11, False);
+    shell("xdotool mousemove " + std::to_string(x) + " " + std::to_string(y));
 }
 
 std::pair<int, int> pointerPosition() {
@@ -252,19 +289,15 @@ std::pair<int, int> pointerPosition() {
         if (!at) return {-1, -1};
         return {static_cast<int>(at->x), static_cast<int>(at->y)};
     }
-    Display* x11 = display();
-    Window root, child;
-    int rootX = -1, rootY = -1, windowX, windowY;
-    unsigned int mask;
-    XQueryPointer(x11, DefaultRootWindow(x11), &root, &child, &rootX, &rootY, &windowX, &windowY,
-                  &mask);
-    return {rootX, rootY};
+    int x = -1, y = -1;
+    std::sscanf(shell("xdotool getmouselocation").c_str(), "x:%d y:%d", &x, &y);
+    return {x, y};
 }
 
 Json windowBounds(std::uint32_t windowId) {
     if (onWayland()) {
         // sway's tree: the container's rect and the window's within it.
-        std::function<Json(const Json&)> find = [&](const Json& node) -> Json {
+        std::function<Json(const Json&)> search = [&](const Json& node) -> Json {
             if (node.value("id", std::int64_t{-1}) == std::int64_t{windowId}) {
                 const Json &rect = node["rect"], &inner = node["window_rect"];
                 return {{"x", rect["x"].get<int>() + inner["x"].get<int>()},
@@ -274,21 +307,20 @@ Json windowBounds(std::uint32_t windowId) {
             }
             for (const char* key : {"nodes", "floating_nodes"})
                 for (const Json& child : node.value(key, Json::array()))
-                    if (Json found = find(child); !found.is_null()) return found;
+                    if (Json found = search(child); !found.is_null()) return found;
             return nullptr;
         };
-        return find(Json::parse(output("swaymsg -r -t get_tree"), nullptr, false));
+        return search(Json::parse(shell("swaymsg -r -t get_tree"), nullptr, false));
     }
-    Display* x11 = display();
     ::Window window = windowId, root, parent, *children;
     unsigned int count;
-    while (XQueryTree(x11, window, &root, &parent, &children, &count)) {
+    while (XQueryTree(display(), window, &root, &parent, &children, &count)) {
         if (children) XFree(children);
         if (parent == root) break;
         window = parent;
     }
     XWindowAttributes frame;
-    if (!XGetWindowAttributes(x11, window, &frame)) return nullptr;
+    if (!XGetWindowAttributes(display(), window, &frame)) return nullptr;
     int border = 2 * frame.border_width;
     return {{"x", frame.x}, {"y", frame.y}, {"width", frame.width + border},
             {"height", frame.height + border}};
@@ -297,37 +329,24 @@ Json windowBounds(std::uint32_t windowId) {
 void moveWindow(std::uint32_t windowId, int dx, int dy) {
     std::string id = std::to_string(windowId);
     if (onWayland()) {
-        output("swaymsg '[con_id=" + id + "]' move " + (dx < 0 ? "left " : "right ") +
+        shell("swaymsg '[con_id=" + id + "]' move " + (dx < 0 ? "left " : "right ") +
                std::to_string(std::abs(dx)) + " px, move " + (dy < 0 ? "up " : "down ") +
                std::to_string(std::abs(dy)) + " px");
-        return;
+    } else {
+        shell("xdotool windowmove --relative " + id + " " + std::to_string(dx) + " " +
+               std::to_string(dy));
     }
-    output("xdotool windowmove --relative " + id + " " + std::to_string(dx) + " " +
-           std::to_string(dy));
 }
 
 void activateWindow(std::uint32_t windowId) {
-    if (onWayland()) {
-        output("swaymsg '[con_id=" + std::to_string(windowId) + "]' focus");
-        return;
-    }
-    Display* x11 = display();
-    XEvent event{};
-    event.xclient.type = ClientMessage;
-    event.xclient.window = windowId;
-    event.xclient.message_type = XInternAtom(x11, "_NET_ACTIVE_WINDOW", False);
-    event.xclient.format = 32;
-    event.xclient.data.l[0] = 2;  // from a pager: honoured at once
-    XSendEvent(x11, DefaultRootWindow(x11), False,
-               SubstructureRedirectMask | SubstructureNotifyMask, &event);
-    XSync(x11, False);
+    std::string id = std::to_string(windowId);
+    shell(onWayland() ? "swaymsg '[con_id=" + id + "]' focus" : "xdotool windowactivate " + id);
 }
 
 std::vector<unsigned long> keyboardMapping() {
-    Display* x11 = display();
     int first = 0, last = 0, perKeycode = 0;
-    XDisplayKeycodes(x11, &first, &last);
-    KeySym* rows = XGetKeyboardMapping(x11, static_cast<KeyCode>(first), last - first + 1,
+    XDisplayKeycodes(display(), &first, &last);
+    KeySym* rows = XGetKeyboardMapping(display(), static_cast<KeyCode>(first), last - first + 1,
                                        &perKeycode);
     std::vector<unsigned long> mapping(rows, rows + (last - first + 1) * perKeycode);
     XFree(rows);
@@ -335,17 +354,7 @@ std::vector<unsigned long> keyboardMapping() {
 }
 
 bool rootHasProperty(const char* name) {
-    Display* x11 = display();
-    Atom property = XInternAtom(x11, name, True);
-    if (property == None) return false;
-    Atom type = None;
-    int format = 0;
-    unsigned long count = 0, after = 0;
-    unsigned char* data = nullptr;
-    XGetWindowProperty(x11, DefaultRootWindow(x11), property, 0, 0, False, AnyPropertyType, &type,
-                       &format, &count, &after, &data);
-    if (data) XFree(data);
-    return type != None;
+    return shell(std::string("xprop -root ") + name).find("not found") == std::string::npos;
 }
 
 std::string ideographs(size_t count, size_t lineLength) {
@@ -359,102 +368,79 @@ std::string ideographs(size_t count, size_t lineLength) {
 
 std::string mixedText(size_t length, size_t lineLength, unsigned seed) {
     // Words of ASCII, and single characters of the other scripts.
-    static const std::string kPieces[] = {
-        "the ", "quick ", "brown ", "fox ", "jumps ", "over ", "lazy ", "dogs ", "and ", "cats ",
-        "é", "è", "ç", "ñ", "ö", "ü", "ß", "å", "Ø", "É",
-        "α", "β", "γ", "δ", "λ", "μ", "π", "σ", "Ω", "Φ",
-        "漢", "字", "日", "本", "語", "中", "文", "東", "京", "書", "雨", "花", "海", "山",
-        "😀", "🚀", "🎉", "🌍", "✨", "👍",
+    static const std::u32string kPieces[] = {
+        U"the ", U"quick ", U"brown ", U"fox ", U"jumps ", U"over ", U"lazy ", U"dogs ", U"and ", U"cats ",
+        U"é", U"è", U"ç", U"ñ", U"ö", U"ü", U"ß", U"å", U"Ø", U"É",
+        U"α", U"β", U"γ", U"δ", U"λ", U"μ", U"π", U"σ", U"Ω", U"Φ",
+        U"漢", U"字", U"日", U"本", U"語", U"中", U"文", U"東", U"京", U"書", U"雨", U"花", U"海", U"山",
+        U"😀", U"🚀", U"🎉", U"🌍", U"✨", U"👍",
     };
     std::mt19937 random(seed);
     std::uniform_int_distribution<size_t> pick(0, std::size(kPieces) - 1);
-    std::string text;
-    size_t count = 0, column = 0;  // scalar values so far, and on this line
-    while (count < length) {
-        const std::string& piece = kPieces[pick(random)];
-        for (size_t at = 0; at < piece.size() && count < length; ++count) {
-            if (column == lineLength) {
-                text += '\n';
-                column = 0;
-                continue;
-            }
-            size_t size = 1;  // the scalar's lead byte and its continuation bytes
-            while (at + size < piece.size() && (piece[at + size] & 0xC0) == 0x80) ++size;
-            text.append(piece, at, size);
-            at += size;
-            ++column;
+    std::u32string text;  // the line breaks count among the `length`
+    for (size_t column = 0; text.size() < length;)
+        for (char32_t c : kPieces[pick(random)]) {
+            if (column == lineLength && text.size() < length) text += U'\n', column = 0;
+            if (text.size() < length) text += c, ++column;
         }
-    }
-    return text;
+    std::string utf8;
+    for (char32_t c : text) appendUtf8(utf8, c);
+    return utf8;
 }
 
-// --- Applications -------------------------------------------------------------
-
-std::string sessionDirectory() {
+std::string sessionDirectory(const std::string& name) {
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    return runtime ? runtime : "/tmp";
-}
-
-std::optional<pid_t> processGroupOf(std::int64_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(stat, line)) return std::nullopt;
-    // pid (comm) state ppid pgrp ...; the command may hold spaces.
-    size_t end = line.rfind(')');
-    if (end == std::string::npos) return std::nullopt;
-    std::istringstream fields(line.substr(end + 2));
-    std::string state;
-    long parent = 0, group = 0;
-    fields >> state >> parent >> group;
-    return static_cast<pid_t>(group);
+    std::string directory = std::string(runtime ? runtime : "/tmp") + "/" + name;
+    std::filesystem::create_directories(directory);
+    return directory;
 }
 
 void setAccessibilityFlag(bool on) {
-    pid_t pid = spawn({"dbus-send", "--session", "--print-reply", "--dest=org.a11y.Bus",
-                       "/org/a11y/bus", "org.freedesktop.DBus.Properties.Set",
-                       "string:org.a11y.Status", "string:IsEnabled",
-                       std::string("variant:boolean:") + (on ? "true" : "false")});
-    waitpid(pid, nullptr, 0);
+    shell(std::string("dbus-send --session --print-reply --dest=org.a11y.Bus /org/a11y/bus "
+                       "org.freedesktop.DBus.Properties.Set string:org.a11y.Status "
+                       "string:IsEnabled variant:boolean:") +
+           (on ? "true" : "false"));
 }
 
 bool accessibilityFlag() {
-    FILE* reply = popen("dbus-send --session --print-reply --dest=org.a11y.Bus /org/a11y/bus "
-                        "org.freedesktop.DBus.Properties.Get string:org.a11y.Status "
-                        "string:IsEnabled",
-                        "r");
-    std::string text;
-    char buffer[256];
-    while (reply && fgets(buffer, sizeof buffer, reply)) text += buffer;
-    if (reply) pclose(reply);
-    return text.find("boolean true") != std::string::npos;
+    return shell("dbus-send --session --print-reply --dest=org.a11y.Bus /org/a11y/bus "
+                  "org.freedesktop.DBus.Properties.Get string:org.a11y.Status string:IsEnabled")
+               .find("boolean true") != std::string::npos;
 }
 
-// The process of the active window, as the window manager has it; -1 for
-// none.
 std::int64_t activeProcess() {
-    // The active window may be gone already (the last application's):
-    // Xlib's default handler would end the test on that error.
-    XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });
-    Display* display = XOpenDisplay(nullptr);
-    if (!display) return -1;
-    auto property = [&](::Window window, const char* name) -> long {
-        Atom type;
-        int format;
-        unsigned long count, after;
-        unsigned char* data = nullptr;
-        long value = -1;
-        if (XGetWindowProperty(display, window, XInternAtom(display, name, False), 0, 1, False,
-                               AnyPropertyType, &type, &format, &count, &after, &data) == Success &&
-            data && count == 1 && format == 32)
-            value = *reinterpret_cast<long*>(data);
-        if (data) XFree(data);
-        return value;
-    };
-    long active = property(DefaultRootWindow(display), "_NET_ACTIVE_WINDOW");
-    long pid = active > 0 ? property(static_cast<::Window>(active), "_NET_WM_PID") : -1;
-    XCloseDisplay(display);
-    return pid;
+    std::string pid = shell("xdotool getactivewindow getwindowpid 2>/dev/null");
+    return pid.empty() ? -1 : std::stoll(pid);
 }
 
+RunningApplication::RunningApplication(const std::string& name, const std::string& file,
+                                       const std::string& scale) {
+    // setsid(1) makes it the leader of a process group of its own, and env
+    // sets its variables; both run it in their own place.
+    std::vector<std::string> argv = {"setsid", "env", "QUORVEL_FIXTURE=" QUORVEL_FIXTURE_BINARY};
+    if (!scale.empty()) argv.push_back(scale);
+    argv.insert(argv.end(), {QUORVEL_LAUNCH_APP, name, file});
+    pid_ = spawn(argv);
+}
+
+RunningApplication::~RunningApplication() {
+    kill(-pid_, SIGTERM);
+    for (int i = 0; i < 50 && kill(-pid_, 0) == 0; ++i) {
+        waitpid(pid_, nullptr, WNOHANG);
+        std::this_thread::sleep_for(100ms);
+    }
+    kill(-pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+}
+
+bool RunningApplication::owns(const Json& scope) const {
+    return scope.is_object() && scope["pid"].is_number_integer() && owns(scope["pid"].get<std::int64_t>());
+}
+
+// Whether process `pid` is in this application's process group.
+bool RunningApplication::owns(std::int64_t pid) const {
+    std::string group = shell("ps -o pgid= -p " + std::to_string(pid));
+    return group.find_first_of("0123456789") != std::string::npos && std::stoll(group) == pid_;
+}
 
 }  // namespace quorvel::e2e

@@ -1,39 +1,43 @@
 // What the end-to-end tests drive: the fixture window, the bridge as a child
-// process, and a few direct looks at the window system (the pointer, the
-// windows, the X keyboard mapping). Runs inside a virtual desktop
-// (scripts/desktop), an X one or, with --wayland, sway.
+// process, applications started by launch-app, and a few direct looks at the
+// window system (the pointer, the windows, the X keyboard mapping). Runs
+// inside a virtual desktop (scripts/desktop), an X one or, with --wayland,
+// sway.
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 namespace quorvel::e2e {
 
 using Json = nlohmann::json;
+using namespace std::chrono_literals;
 
 constexpr char kWindowChanged[] =
     "The foreground window changed. Observe again before sending input.";
+constexpr char kValueChanged[] = "The editor value changed since observation. Nothing was typed.";
+// Every password in the tests' windows starts with this. No answer of the
+// bridge may ever hold it: bridge() and bridgesAtOnce() check every one.
+constexpr char kSecret[] = "hunter2";
 
-// A request with no more than its operation.
 inline Json request(const std::string& operation) {
     return {{"version", 1}, {"operation", operation}};
 }
 inline Json actRequest(const Json& scope, const Json& action) {
     return {{"version", 1}, {"operation", "act"}, {"scope", scope}, {"action", action}};
 }
+inline Json typing(const std::string& text, const std::string& expected, bool replace = false) {
+    return {{"kind", "type"}, {"value", text}, {"replace", replace}, {"expected_value", expected}};
+}
+inline const Json kEscape = {{"kind", "key"}, {"value", "escape"}};
 
 // Starts `argv` (looked up on PATH) with standard input from `in` and output
 // to `out`, the null device where one is -1; standard error is discarded.
@@ -50,11 +54,9 @@ public:
     void command(const std::string& line);
 
 private:
-    std::string readLine();
     pid_t pid_ = -1;
     int in_ = -1;
-    int out_ = -1;
-    std::string buffered_;
+    std::FILE* out_ = nullptr;
 };
 
 struct Reply {
@@ -67,31 +69,54 @@ struct Reply {
 
 // One bridge run with `request` on its standard input, in this session.
 Reply bridge(const Json& request);
+Reply act(const Json& scope, const Json& action);
 // One bridge per request, all started together: each reads its whole
 // request before it does anything, and they are all handed theirs at once.
 std::vector<Reply> bridgesAtOnce(const std::vector<Json>& requests);
-// The bridge started in the background with `request`; the caller waits for it.
-pid_t startBridge(const Json& request);
+// The bridge started in the background with `request`, its output to `out`
+// (none when -1); the caller waits for it.
+pid_t startBridge(const Json& request, int out = -1);
 
-Json observe(const std::string& operation = "context");  // the result; fails the test if refused
-Json act(const Json& scope, const Json& action);           // the whole envelope
-
+// The result of `operation`; fails the test if refused.
+Json observe(const std::string& operation = "context");
 // Asks `request` until `accept` holds for the reply, at most `limit` long;
 // returns the last reply.
 Reply askUntil(const Json& request, const std::function<bool(const Reply&)>& accept,
-               std::chrono::milliseconds limit = std::chrono::seconds(15));
-// Observes ("context") until `accept` holds for a result; returns the last one.
+               std::chrono::milliseconds limit = 15s);
+// Observes until `accept` holds for a result; returns the last one.
 Json observeUntil(const std::function<bool(const Json&)>& accept,
-                  std::chrono::milliseconds limit = std::chrono::seconds(15));
+                  std::chrono::milliseconds limit = 15s, const std::string& operation = "context");
+// The same, and a test failure saying what was awaited if it never came.
+Json expectSoon(const std::string& what, const std::function<bool(const Json&)>& accept,
+                std::chrono::milliseconds limit = 15s, const std::string& operation = "context");
 
-// The first node with this name and one of these roles (any role when
-// empty); a null JSON when there is none.
+// The first node for which `test` holds; a null JSON when there is none.
+Json find(const Json& observation, const std::function<bool(const Json&)>& test);
+// The first node with this name and one of these roles (any when empty).
 Json node(const Json& observation, const std::string& name,
           const std::vector<std::string>& roles = {});
-// The first node whose name starts with `prefix`.
-Json nodeStartingWith(const Json& observation, const std::string& prefix);
+// The editable node of `role` whose value is `value`.
+Json editorWith(const Json& observation, const std::string& role, const std::string& value);
+// The value of the editor named `editor`; "<missing>" when there is none.
+std::string valueOf(const Json& observation, const std::string& editor);
+// Whether some node's name or value holds `text`.
+bool mentions(const Json& observation, const std::string& text);
+// Every node's role and value, for failure messages.
+std::string values(const Json& observation);
 double centerX(const Json& node);
 double centerY(const Json& node);
+Json clickAt(const Json& node, int count = 1);
+// Whether bounds `inner` lie within bounds `outer`.
+bool inside(const Json& inner, const Json& outer);
+
+// The stale scopes of the window `seen` observed: refused with another
+// window in front, accepted once its own window is back, and (when
+// `movable`) refused once the window has moved, nothing typed into the
+// focused editor. Returns the last observation.
+Json expectStaleScopesRefused(const Json& seen, bool movable = true);
+
+// The standard output of a shell command, run to its end.
+std::string shell(const std::string& command);
 
 // Whether the session is a Wayland one (sway), not X.
 bool onWayland();
@@ -106,13 +131,11 @@ std::pair<int, int> pointerPosition();
 // the window manager's frame around the client window, under sway the
 // window's geometry in its tree.
 Json windowBounds(std::uint32_t windowId);
-// Moves window `windowId` by dx, dy.
 void moveWindow(std::uint32_t windowId, int dx, int dy);
 // Asks the window manager to bring window `windowId` forward.
 void activateWindow(std::uint32_t windowId);
 // Every keycode's keysyms, to compare the X mapping before and after.
 std::vector<unsigned long> keyboardMapping();
-// Whether the root window has the property `name`.
 bool rootHasProperty(const char* name);
 
 // Mixed text: ASCII, accented Latin, Greek, CJK and emoji, lines of at most
@@ -122,18 +145,14 @@ std::string mixedText(size_t length, size_t lineLength, unsigned seed);
 // every `lineLength`: far more distinct characters than there are spare keys.
 std::string ideographs(size_t count, size_t lineLength);
 
-
 // --- Applications, each started by tests/e2e/launch-app --------------------
 
-// The session's own directory ($XDG_RUNTIME_DIR), for documents and profiles.
-std::string sessionDirectory();
-// The process group of process `pid`.
-std::optional<pid_t> processGroupOf(std::int64_t pid);
+// A directory of the session's own ($XDG_RUNTIME_DIR), made if need be.
+std::string sessionDirectory(const std::string& name);
 // Turns the session's accessibility flag on or off, and reads it.
 void setAccessibilityFlag(bool on);
 bool accessibilityFlag();
-// The process of the active window, as the window manager has it; -1 for
-// none.
+// The process of the active X window; -1 for none.
 std::int64_t activeProcess();
 
 // One application started on a file, in a process group of its own, which
@@ -141,45 +160,17 @@ std::int64_t activeProcess();
 class RunningApplication {
 public:
     // `scale`: NAME=VALUE that sets the toolkit's scale, or nothing.
-    RunningApplication(const std::string& name, const std::string& file, std::string scale = "") {
-        pid_ = fork();
-        if (pid_ == 0) {
-            setsid();
-            if (!scale.empty()) putenv(scale.data());
-            setenv("QUORVEL_FIXTURE", QUORVEL_FIXTURE_BINARY, 1);
-            // What the applications print is of no interest here.
-            int quiet = open("/dev/null", O_RDWR);
-            dup2(quiet, 0);
-            dup2(quiet, 1);
-            dup2(quiet, 2);
-            closefrom(3);
-            execl(QUORVEL_LAUNCH_APP, QUORVEL_LAUNCH_APP, name.c_str(), file.c_str(), nullptr);
-            _exit(127);
-        }
-    }
-    ~RunningApplication() {
-        if (pid_ <= 0) return;
-        kill(-pid_, SIGTERM);
-        for (int i = 0; i < 50 && kill(-pid_, 0) == 0; ++i) {
-            waitpid(pid_, nullptr, WNOHANG);
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        kill(-pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
+    RunningApplication(const std::string& name, const std::string& file,
+                       const std::string& scale = "");
+    ~RunningApplication();
     RunningApplication(const RunningApplication&) = delete;
     RunningApplication& operator=(const RunningApplication&) = delete;
-
-    // Whether the scope names a window of this application.
-    bool owns(const Json& scope) const {
-        return scope.is_object() && scope["pid"].is_number_integer() &&
-               owns(scope["pid"].get<std::int64_t>());
-    }
-    bool owns(std::int64_t pid) const { return processGroupOf(pid) == pid_; }
+    // Whether the scope (or the process) is of this application.
+    bool owns(const Json& scope) const;
+    bool owns(std::int64_t pid) const;
 
 private:
     pid_t pid_ = -1;
 };
-
 
 }  // namespace quorvel::e2e

@@ -1,12 +1,12 @@
-/* Gives the seat of a headless sway a keyboard and a pointer, and keeps
- * them until it is ended (SIGTERM or SIGINT).
- *
- * sway started with WLR_LIBINPUT_NO_DEVICES=1 has a seat with no input
- * device at all. Toolkits then never receive keyboard focus, so no window is
- * ever ACTIVE, and the first keys or clicks of a short-lived virtual device
- * are lost while applications bind the keyboard and pointer that appear
- * with it. A desktop always has both; this stands in for them. It prints
- * "ready" once the compositor has both devices. */
+// Gives the seat of a headless sway a keyboard and a pointer, and keeps
+// them until it is ended (SIGTERM or SIGINT).
+//
+// sway started with WLR_LIBINPUT_NO_DEVICES=1 has a seat with no input
+// device at all. Toolkits then never receive keyboard focus, so no window is
+// ever ACTIVE, and the first keys or clicks of a short-lived virtual device
+// are lost while applications bind the keyboard and pointer that appear
+// with it. A desktop always has both; this stands in for them. It prints
+// "ready" once the compositor has both devices.
 #define _GNU_SOURCE /* memfd_create */
 #include <signal.h>
 #include <stdio.h>
@@ -58,7 +58,7 @@ int main(void) {
     }
     struct zwp_virtual_keyboard_v1 *keyboard =
         zwp_virtual_keyboard_manager_v1_create_virtual_keyboard(keyboards, seat);
-    /* The compositor adds a keyboard to the seat once it has a keymap. */
+    // The compositor adds a keyboard to the seat once it has a keymap.
     static const char keymap[] =
         "xkb_keymap {\n"
         "xkb_keycodes \"hold\" { minimum = 8; maximum = 255; <K9> = 9; };\n"

@@ -1,26 +1,23 @@
 // End-to-end in web pages: each browser of the table started once, on pages
-// the test writes itself, observed and operated through one set of checks.
+// the test writes itself, observed and operated through one set of checks
+// (the other applications' checks among them).
 // Every page reports what its own input and change listeners saw in a status
 // line of its own ("name: <JSON of the value>"), which proves that the page,
 // not only its accessibility tree, received the text.
 #include <gtest/gtest.h>
 
-#include <cctype>
-#include <chrono>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <regex>
 #include <string>
 #include <thread>
-#include <vector>
+#include <tuple>
 
 #include "harness.h"
 
 namespace quorvel::e2e {
 namespace {
-
-constexpr char kSecret[] = "hunter2secret";
-constexpr char kValueChanged[] = "The editor value changed since observation. Nothing was typed.";
 
 // The form: every kind of control, an editable region, a same-origin frame
 // with an input, and buttons whose script changes the title or a field's
@@ -119,13 +116,14 @@ const std::string kManyDistinct = [] {
 }();
 
 struct Browser {
-    const char* name;   // for launch-app, and the test's name
-    int pixelsPerStep;  // what one wheel step scrolls
+    const char* name;     // for launch-app, and the test's name
+    int pixelsPerStep;    // what one wheel step scrolls
+    bool flagOffAtStart;  // it notices the accessibility flag turned on while it runs
 };
 
 const Browser kBrowsers[] = {
-    {"chromium", 120},
-    {"firefox", 114},
+    {"chromium", 120, false},  // it reads the flag only at start
+    {"firefox", 114, true},
 };
 
 void PrintTo(const Browser& browser, std::ostream* out) { *out << browser.name; }
@@ -134,129 +132,83 @@ std::string statusLine(const std::string& field, const std::string& value) {
     return field + ": " + Json(value).dump();
 }
 
-// --- Reading observations -----------------------------------------------------
-
-std::vector<Json> nodesOf(const Json& observation) {
-    std::vector<Json> nodes;
-    for (const Json& record : observation.value("nodes", Json::array())) nodes.push_back(record);
-    return nodes;
-}
-
-// The editable node of `role` whose value is `value`.
-Json editor(const Json& observation, const std::string& role, const std::string& value) {
-    for (const Json& record : nodesOf(observation))
-        if (record["editable"] == true && record["role"] == role && record["value"] == value)
-            return record;
-    return nullptr;
-}
-
 // The node with this role whose name starts with `name`, placed on screen.
 Json placed(const Json& observation, const std::string& role, const std::string& name) {
-    for (const Json& record : nodesOf(observation))
-        if (record["role"] == role && record.value("name", "").rfind(name, 0) == 0 &&
-            record["bounds"].is_object() && record["bounds"]["width"] > 0)
-            return record;
-    return nullptr;
-}
-
-// Whether any node's name or value is exactly `text`, or, for a status line,
-// holds it.
-bool shows(const Json& observation, const std::string& text) {
-    for (const Json& record : nodesOf(observation))
-        if (record.value("name", "") == text || record.value("value", "") == text) return true;
-    return false;
+    return find(observation, [&](const Json& record) {
+        return record["role"] == role && record.value("name", "").rfind(name, 0) == 0 &&
+               record["bounds"].is_object() && record["bounds"]["width"] > 0;
+    });
 }
 
 // The text of the first node whose name or value starts with `prefix`
 // (Chromium names a run of text by it, Firefox gives its paragraph the
 // text as value); empty when there is none.
 std::string textStartingWith(const Json& observation, const std::string& prefix) {
-    for (const Json& record : nodesOf(observation))
+    std::string text;
+    find(observation, [&](const Json& record) {
         for (const char* key : {"name", "value"})
             if (record[key].is_string() && record[key].get<std::string>().rfind(prefix, 0) == 0)
-                return record[key];
-    return "";
+                return text = record[key], true;
+        return false;
+    });
+    return text;
 }
 
-std::string values(const Json& observation) {
-    std::string all;
-    for (const Json& record : nodesOf(observation))
-        if (record.contains("value") && record["value"].is_string() && record["value"] != "")
-            all += record.value("role", "") + " " + record["value"].dump() + "\n";
-    return all;
+// A status line (or any text) shown on the page.
+std::function<bool(const Json&)> showing(const std::string& text) {
+    return [text](const Json& o) { return mentions(o, text); };
+}
+std::function<bool(const Json&)> focusedOn(const std::string& value) {
+    return [value](const Json& o) { return o["context"]["focused_value"] == value; };
 }
 
-Json clickAt(const Json& record) {
-    return {{"kind", "click"}, {"x", centerX(record)}, {"y", centerY(record)}};
+// Clicks `record`, then waits until the focused value is `value`: the click
+// has put the caret there.
+void focus(const Json& scope, const Json& record, const std::string& value) {
+    ASSERT_FALSE(record.is_null()) << value;
+    EXPECT_TRUE(act(scope, clickAt(record)).ok());
+    expectSoon("the focus in " + value, focusedOn(value));
 }
-Json typing(const std::string& text, const std::string& expected, bool replace = false) {
-    return {{"kind", "type"}, {"value", text}, {"replace", replace}, {"expected_value", expected}};
-}
 
-// --- The checks ---------------------------------------------------------------
-
-class WebPages : public ::testing::TestWithParam<Browser> {
-protected:
-    std::vector<std::string> answers;  // every answer, to look for the password in
-
-    Reply ask(const Json& request) {
-        Reply reply = bridge(request);
-        answers.push_back(reply.raw);
-        return reply;
-    }
-    Reply act(const Json& scope, const Json& action) { return ask(actRequest(scope, action)); }
-    Json observeFor(const std::function<bool(const Json&)>& accept,
-                    std::chrono::seconds limit = std::chrono::seconds(15),
-                    const char* operation = "context") {
-        Reply reply = askUntil(
-            request(operation), [&](const Reply& r) { return r.ok() && accept(r.json["result"]); },
-            limit);
-        answers.push_back(reply.raw);
-        return reply.ok() ? reply.json["result"] : Json::object();
-    }
-    // Clicks `record`, then waits until the focused value is `value`: the
-    // click has put the caret there.
-    Json focus(const Json& scope, const Json& record, const std::string& value) {
-        EXPECT_TRUE(act(scope, clickAt(record)).ok());
-        return observeFor([&](const Json& o) { return o["context"]["focused_value"] == value; });
-    }
-};
+class WebPages : public ::testing::TestWithParam<Browser> {};
 
 TEST_P(WebPages, AreObservedAndOperatedAsTheirListenersSeeIt) {
     if (onWayland()) GTEST_SKIP() << "browsers are proven on X only so far";
     const Browser& browser = GetParam();
-    std::string folder = sessionDirectory() + "/web";
-    std::system(("mkdir -p '" + folder + "'").c_str());
+    std::string folder = sessionDirectory("web");
     std::ofstream(folder + "/form.html") << kFormPage;
     std::ofstream(folder + "/article.html") << articlePage();
-    setAccessibilityFlag(true);
+    setAccessibilityFlag(!browser.flagOffAtStart);
     RunningApplication running(browser.name, folder + "/form.html");
 
     // Ready once the page is laid out: a browser lists its fields before it
     // places them, and fills the tree in after the title shows.
-    Json seen = observeFor(
+    const std::string region = "First paragraph\nSecond paragraph";
+    Json seen = observeUntil(
         [&](const Json& o) {
-            Json region = editor(o, "AXTextArea", "First paragraph\nSecond paragraph");
+            Json editable = editorWith(o, "AXTextArea", region);
             return running.owns(o["scope"]) &&
                    o["scope"]["window"].get<std::string>().find("Web Form") != std::string::npos &&
-                   !region.is_null() && region["visible"] == true &&
+                   !editable.is_null() && editable["visible"] == true &&
                    !placed(o, "AXTextField", "").is_null();
         },
-        std::chrono::seconds(120));
+        120s);
     ASSERT_TRUE(running.owns(seen["scope"])) << values(seen);
+    EXPECT_TRUE(accessibilityFlag());
 
-    // Observe: the fields, the region and the frame's input are editors with
-    // their text; the password is a secure field without it; controls carry
-    // their names; "visible_text" holds the page's text.
-    Reply observed = ask(request("observe"));
-    ASSERT_TRUE(observed.ok()) << observed.raw.substr(0, 300);
-    Json page = observed.json["result"];
+    // Observe: the window's frame; the fields, the region and the frame's
+    // input are editors with their text; the password is a secure field
+    // without it; controls carry their names; "visible_text" holds the
+    // page's text.
+    Json page = observe("observe");
+    const Json scope = page["scope"];
+    EXPECT_EQ(scope["bounds"], windowBounds(scope["window_id"]));
     for (auto [role, value] : {std::pair{"AXTextField", "Ada"}, {"AXTextArea", "Notes text"},
-                               {"AXTextArea", "First paragraph\nSecond paragraph"},
-                               {"AXTextField", "Inner"}}) {
-        Json field = editor(page, role, value);
+                               {"AXTextArea", region.c_str()}, {"AXTextField", "Inner"}}) {
+        Json field = editorWith(page, role, value);
         ASSERT_FALSE(field.is_null()) << role << " " << value << "\n" << values(page);
         EXPECT_EQ(field["actions"], Json({"focus", "type", "replace"})) << value;
+        EXPECT_TRUE(inside(field["bounds"], scope["bounds"])) << field.dump();
     }
     Json secret = node(page, "Authentication field", {"AXTextField"});
     ASSERT_FALSE(secret.is_null());
@@ -268,150 +220,107 @@ TEST_P(WebPages, AreObservedAndOperatedAsTheirListenersSeeIt) {
     std::string visible = page["context"]["visible_text"];
     for (const char* text : {"Form heading", "Second paragraph", "presses: 0"})
         EXPECT_NE(visible.find(text), std::string::npos) << text << " in " << visible.substr(0, 400);
-    const Json& scope = page["scope"];
 
     // "type_into" the textarea, lines of mixed Unicode after the text: the
     // field and the page's listeners have it exactly.
-    std::string notes = "Notes text" + kMixed + "\n" + kManyDistinct + "second ✓ line";
-    Json area = editor(page, "AXTextArea", "Notes text");
+    const std::string added = kMixed + "\n" + kManyDistinct + "second ✓ line", notes = "Notes text" + added;
+    Json area = editorWith(page, "AXTextArea", "Notes text");
     focus(scope, area, "Notes text");
     // "type_into" clicks again: after the double-click time, so that it
     // selects nothing, and then types where the caret is, at the end.
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    Json into = typing(kMixed + "\n" + kManyDistinct + "second ✓ line", "Notes text");
-    into["kind"] = "type_into";
-    into["x"] = area["bounds"]["x"].get<double>() + area["bounds"]["width"].get<double>() - 8;
-    into["y"] = area["bounds"]["y"].get<double>() + area["bounds"]["height"].get<double>() - 8;
+    std::this_thread::sleep_for(1s);
+    Json into = typing(added, "Notes text");
+    into.update({{"kind", "type_into"},
+                 {"x", area["bounds"]["x"].get<double>() + area["bounds"]["width"].get<double>() - 8},
+                 {"y", area["bounds"]["y"].get<double>() + area["bounds"]["height"].get<double>() - 8}});
     Reply typed = act(scope, into);
     EXPECT_TRUE(typed.ok()) << typed.raw;
-    Json after = observeFor([&](const Json& o) {
-        return shows(o, statusLine("notes", notes));
-    });
-    EXPECT_FALSE(editor(after, "AXTextArea", notes).is_null()) << values(after);
-    EXPECT_TRUE(shows(after, statusLine("notes", notes))) << values(after);
+    Json after = expectSoon("the notes typed", showing(statusLine("notes", notes)));
+    EXPECT_FALSE(editorWith(after, "AXTextArea", notes).is_null()) << values(after);
 
     // "type" appends to the name field; "replace" then replaces its whole
-    // value by select-all and typing, which the page hears as input.
-    Json name = editor(after, "AXTextField", "Ada");
-    ASSERT_FALSE(name.is_null()) << values(after);
-    focus(scope, name, "Ada");
-    // The click put the caret after the short text.
-    const std::string appended = "Ada " + kMixed;
-    Reply more = act(scope, typing(" " + kMixed, "Ada"));
-    EXPECT_TRUE(more.ok()) << more.raw;
-    // The status line is a paragraph of its own, which Firefox may update
-    // in its tree a moment after the field.
-    Json appendedSeen = observeFor([&](const Json& o) {
-        return o["context"]["focused_value"] == appended &&
-               shows(o, statusLine("name", appended));
+    // value by select-all and typing, which the page hears as input. The
+    // status line is a paragraph of its own, which Firefox may update in
+    // its tree a moment after the field.
+    focus(scope, editorWith(after, "AXTextField", "Ada"), "Ada");
+    const std::string appended = "Ada " + kMixed, replacement = "Replaced ÿ 中 😀";
+    EXPECT_TRUE(act(scope, typing(" " + kMixed, "Ada")).ok());
+    expectSoon("the name appended", [&](const Json& o) {
+        return focusedOn(appended)(o) && mentions(o, statusLine("name", appended));
     });
-    EXPECT_EQ(appendedSeen["context"]["focused_value"], appended);
-    EXPECT_TRUE(shows(appendedSeen, statusLine("name", appended)))
-        << values(appendedSeen);
-    const std::string replacement = "Replaced ÿ 中 😀";
-    Reply replaced = act(scope, typing(replacement, appended, true));
-    EXPECT_TRUE(replaced.ok()) << replaced.raw;
-    Json afterReplace = observeFor([&](const Json& o) {
-        return shows(o, statusLine("name", replacement));
-    });
-    EXPECT_FALSE(editor(afterReplace, "AXTextField", replacement).is_null())
-        << values(afterReplace);
-    EXPECT_TRUE(shows(afterReplace, statusLine("name", replacement)))
-        << values(afterReplace);
+    EXPECT_TRUE(act(scope, typing(replacement, appended, true)).ok());
+    Json replaced = expectSoon("the name replaced", showing(statusLine("name", replacement)));
+    EXPECT_FALSE(editorWith(replaced, "AXTextField", replacement).is_null()) << values(replaced);
 
     // The editable region: an outdated expected value types nothing; the
     // right one types into it, and the page's listener sees the text.
-    const std::string region = "First paragraph\nSecond paragraph";
-    Json editable = editor(afterReplace, "AXTextArea", region);
-    ASSERT_FALSE(editable.is_null()) << values(afterReplace);
-    focus(scope, editable, region);
-    Reply stale = act(scope, typing("nope", "First paragraph"));
-    EXPECT_EQ(stale.error(), kValueChanged) << stale.raw;
-    Reply added = act(scope, typing(" ✓ ünï 字", region));
-    EXPECT_TRUE(added.ok()) << added.raw;
-    Json edited = observeFor([](const Json& o) {
-        return o["context"]["focused_value"].get<std::string>().find(" ✓ ünï 字") !=
-               std::string::npos;
-    });
-    std::string regionNow = edited["context"]["focused_value"];
-    EXPECT_EQ(regionNow.find("nope"), std::string::npos) << regionNow;
-    EXPECT_FALSE(editor(edited, "AXTextArea", regionNow).is_null()) << values(edited);
+    focus(scope, editorWith(replaced, "AXTextArea", region), region);
+    EXPECT_EQ(act(scope, typing("nope", "First paragraph")).error(), kValueChanged);
+    EXPECT_TRUE(act(scope, typing(" ✓ ünï 字", region)).ok());
     // An editable region keeps a typed space as a no-break space where a
     // plain one would collapse; the page's own text has it so.
-    std::string editorStatus;
-    for (const Json& record : nodesOf(edited))
-        if (record.value("value", "").rfind("editor: ", 0) == 0) editorStatus = record["value"];
-    for (size_t at; (at = editorStatus.find("\xC2\xA0")) != std::string::npos;)
-        editorStatus.replace(at, 2, " ");
-    EXPECT_NE(editorStatus.find(" ✓ ünï 字"), std::string::npos) << editorStatus;
+    auto plain = [](const std::string& text) { return std::regex_replace(text, std::regex("\xC2\xA0"), " "); };
+    Json edited = expectSoon("the region typed", [&](const Json& o) {
+        return plain(textStartingWith(o, "editor: ")).find(" ✓ ünï 字") != std::string::npos;
+    });
+    std::string regionNow = edited["context"]["focused_value"];
+    EXPECT_NE(plain(regionNow).find(" ✓ ünï 字"), std::string::npos) << regionNow;
+    EXPECT_EQ(regionNow.find("nope"), std::string::npos) << regionNow;
+    EXPECT_FALSE(editorWith(edited, "AXTextArea", regionNow).is_null()) << values(edited);
 
     // The frame's input takes typing like any other.
-    Json inner = editor(edited, "AXTextField", "Inner");
-    ASSERT_FALSE(inner.is_null()) << values(edited);
-    focus(scope, inner, "Inner");
+    focus(scope, editorWith(edited, "AXTextField", "Inner"), "Inner");
     EXPECT_TRUE(act(scope, typing(" 中文 ñ", "Inner")).ok());
-    Json framed = observeFor(
-        [&](const Json& o) { return shows(o, statusLine("inner", "Inner 中文 ñ")); });
-    EXPECT_TRUE(shows(framed, statusLine("inner", "Inner 中文 ñ"))) << values(framed);
+    expectSoon("the frame's input typed", showing(statusLine("inner", "Inner 中文 ñ")));
 
     // Clicks on a checkbox and a button take effect.
-    Json agree = placed(framed, "AXCheckBox", "Agree");
-    ASSERT_FALSE(agree.is_null());
-    EXPECT_TRUE(act(scope, clickAt(agree)).ok());
-    Json checked = observeFor([](const Json& o) { return shows(o, "agree: true"); });
-    EXPECT_TRUE(shows(checked, "agree: true")) << agree.dump() << "\n" << values(checked);
-    Json press = placed(framed, "AXButton", "Press me");
-    ASSERT_FALSE(press.is_null());
-    EXPECT_TRUE(act(scope, clickAt(press)).ok());
-    Json clicked = observeFor([](const Json& o) { return shows(o, "presses: 1"); });
-    EXPECT_TRUE(shows(clicked, "presses: 1")) << values(clicked);
+    for (auto [role, name, effect] : {std::tuple{"AXCheckBox", "Agree", "agree: true"},
+                                      {"AXButton", "Press me", "presses: 1"}}) {
+        Json control = placed(observe(), role, name);
+        ASSERT_FALSE(control.is_null()) << name;
+        EXPECT_TRUE(act(scope, clickAt(control)).ok());
+        expectSoon(effect, showing(effect));
+    }
 
     // The page changes the notes, focused, a moment after the click, title
     // unchanged: typing with the value observed before is refused.
-    Json notesBefore = editor(clicked, "AXTextArea", notes);
-    ASSERT_FALSE(notesBefore.is_null()) << values(clicked);
+    Json clicked = observe();
+    EXPECT_FALSE(editorWith(clicked, "AXTextArea", notes).is_null()) << values(clicked);
     EXPECT_TRUE(act(scope, clickAt(placed(clicked, "AXButton", "Rewrite soon"))).ok());
-    Json rewritten = observeFor([](const Json& o) {
-        return o["context"]["focused_value"] == "Rewritten by the page";
-    });
+    Json rewritten = expectSoon("the notes rewritten", focusedOn("Rewritten by the page"));
     EXPECT_EQ(rewritten["scope"], scope);
-    Reply late = act(scope, typing("lost", notes));
-    EXPECT_EQ(late.error(), kValueChanged) << late.raw;
+    EXPECT_EQ(act(scope, typing("lost", notes)).error(), kValueChanged);
 
     // The page renames itself a moment after the click, the name field
     // focused: the old scope is refused, and nothing is typed.
-    Json nameNow = editor(rewritten, "AXTextField", replacement);
-    ASSERT_FALSE(nameNow.is_null()) << values(rewritten);
     EXPECT_TRUE(act(scope, clickAt(placed(rewritten, "AXButton", "Rename soon"))).ok());
-    Json renamed = observeFor([](const Json& o) {
-        return o["scope"]["window"].get<std::string>().find("Web Form renamed") !=
-               std::string::npos;
+    Json renamed = expectSoon("the page renamed", [](const Json& o) {
+        return o["scope"]["window"].get<std::string>().find("Web Form renamed") != std::string::npos;
     });
     ASSERT_NE(renamed["scope"], scope);
-    Reply outdated = act(scope, typing("lost", replacement));
-    EXPECT_FALSE(outdated.ok());
-    EXPECT_EQ(outdated.error(), kWindowChanged) << outdated.raw;
-    Json unchanged = observeFor([](const Json&) { return true; });
-    EXPECT_EQ(unchanged["context"]["focused_value"], replacement);
+    EXPECT_EQ(act(scope, typing("lost", replacement)).error(), kWindowChanged);
+    EXPECT_EQ(observe()["context"]["focused_value"], replacement);
+
+    // As in any application, another window in front or a moved window
+    // makes the scope stale.
+    Json form = expectStaleScopesRefused(observe());
 
     // A click on the link goes to the article; the form's scope is refused
     // there too.
-    Json link = placed(unchanged, "AXLink", "Read the article");
+    Json link = placed(form, "AXLink", "Read the article");
     ASSERT_FALSE(link.is_null());
-    const Json formScope = unchanged["scope"];
-    EXPECT_TRUE(act(formScope, clickAt(link)).ok());
-    Json article = observeFor(
+    EXPECT_TRUE(act(form["scope"], clickAt(link)).ok());
+    Json article = expectSoon(
+        "the article",
         [](const Json& o) {
-            return o["scope"]["window"].get<std::string>().find("Long Article") !=
-                       std::string::npos &&
+            return o["scope"]["window"].get<std::string>().find("Long Article") != std::string::npos &&
                    !placed(o, "AXHeading", "Section 1").is_null();
         },
-        std::chrono::seconds(60));
-    EXPECT_EQ(act(formScope, {{"kind", "key"}, {"value", "escape"}}).error(), kWindowChanged);
+        60s);
+    EXPECT_EQ(act(form["scope"], kEscape).error(), kWindowChanged);
 
     // The first screen of the article is within the 1200 nodes, and the
     // rest of it is not what fills them.
-    ASSERT_FALSE(placed(article, "AXHeading", "Section 1").is_null()) << values(article);
     EXPECT_LE(article["nodes"].size(), 1200u);
     EXPECT_NE(article["context"]["visible_text"].get<std::string>().find("Para 1.1"),
               std::string::npos);
@@ -427,21 +336,17 @@ TEST_P(WebPages, AreObservedAndOperatedAsTheirListenersSeeIt) {
     // Smooth scrolling animates for a moment: the position is read once it
     // has stayed put.
     std::string last;
-    Json scrolled = observeFor([&](const Json& o) {
+    Json scrolled = observeUntil([&](const Json& o) {
         std::string now = textStartingWith(o, "scrolled ");
         if (now.empty() || now == "scrolled 0" || now != last) return last = now, false;
         return true;
     });
-    std::string where = last.empty() ? "scrolled -1" : last;
-    int moved = std::stoi(where.substr(std::string("scrolled ").size()));
+    int moved = std::stoi(last.empty() ? "-1" : last.substr(std::string("scrolled ").size()));
     int steps = (kAmount + browser.pixelsPerStep / 2) / browser.pixelsPerStep;
     std::cout << "[ wheel    ] " << browser.name << ": " << kAmount << " px asked, " << steps
               << " steps, " << moved << " px scrolled\n";
     EXPECT_EQ(moved, steps * browser.pixelsPerStep) << values(scrolled);
     EXPECT_NEAR(moved, kAmount, kAmount / 4);
-
-    for (const std::string& answer : answers)
-        EXPECT_EQ(answer.find(kSecret), std::string::npos) << answer.substr(0, 300);
 }
 
 INSTANTIATE_TEST_SUITE_P(Browsers, WebPages, ::testing::ValuesIn(kBrowsers),
