@@ -127,6 +127,9 @@ const Accessibility::ApplicationFacts& Accessibility::applicationFacts(const std
     for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     facts.gtk4 = name == "gtk" && parseStringProperty(batch.reply(version)).value_or("").rfind("4.", 0) == 0;
     facts.browser = browserOf(name);
+    // Qt 5.15 crashes on GetAll; an application that did not name its
+    // toolkit may be Qt.
+    facts.allProperties = !name.empty() && name != "qt";
     facts.pid = parseProcessId(batch.reply(pid));
     return applications_[bus] = std::move(facts);
 }
@@ -443,8 +446,9 @@ void Accessibility::beginTreeScan(const Element& root) {
     const AccessibleElement* target = atspi(root);
     if (!target || !connected_) return;
     const ObjectRef& ref = target->ref();
-    snapshot_ = std::make_unique<TreeSnapshot>(ref, bus_.get(), linkTo(ref.bus),
-                                               timeoutMs_, kMaxNodes, childRule(ref.bus));
+    snapshot_ = std::make_unique<TreeSnapshot>(ref, bus_.get(), linkTo(ref.bus), timeoutMs_,
+                                               kMaxNodes, childRule(ref.bus),
+                                               applicationFacts(ref.bus).allProperties);
     scanStalled_ = snapshot_->stalled();
 }
 

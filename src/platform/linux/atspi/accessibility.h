@@ -140,6 +140,7 @@ private:
         std::optional<std::string> address;
         bool gtk4 = false;
         Browser browser = Browser::None;
+        bool allProperties = false;  // answers accessiblePropertiesCall
         std::optional<std::int64_t> pid;
     };
     const ApplicationFacts& applicationFacts(const std::string& bus, bool retry = false);

@@ -84,6 +84,13 @@ Message nameCall(const ObjectRef& ref) { return propertyCall(ref, kAccessible, "
 Message descriptionCall(const ObjectRef& ref) {
     return propertyCall(ref, kAccessible, "Description");
 }
+Message accessiblePropertiesCall(const ObjectRef& ref) {
+    Message call = methodCall(ref, kProperties, "GetAll");
+    const char* interface = kAccessible;
+    if (call) dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &interface, DBUS_TYPE_INVALID);
+    return call;
+}
+
 Message childCountCall(const ObjectRef& ref) {
     return propertyCall(ref, kAccessible, "ChildCount");
 }
@@ -213,6 +220,33 @@ std::optional<std::vector<std::string>> parseInterfaces(DBusMessage* reply) {
 
 std::optional<int> parseIntProperty(DBusMessage* reply) {
     return propertyValue<dbus_int32_t>(reply, DBUS_TYPE_INT32);
+}
+
+AccessibleProperties parseAccessibleProperties(DBusMessage* reply) {
+    AccessibleProperties properties;
+    if (!isReply(reply, "a{sv}")) return properties;
+    DBusMessageIter iter, entries;
+    dbus_message_iter_init(reply, &iter);
+    dbus_message_iter_recurse(&iter, &entries);
+    while (dbus_message_iter_get_arg_type(&entries) == DBUS_TYPE_DICT_ENTRY) {
+        DBusMessageIter entry, variant;
+        dbus_message_iter_recurse(&entries, &entry);
+        std::string key = basicString(&entry);
+        dbus_message_iter_next(&entry);
+        dbus_message_iter_recurse(&entry, &variant);
+        int type = dbus_message_iter_get_arg_type(&variant);
+        if (key == "Name" && type == DBUS_TYPE_STRING) {
+            properties.name = basicString(&variant);
+        } else if (key == "Description" && type == DBUS_TYPE_STRING) {
+            properties.description = basicString(&variant);
+        } else if (key == "ChildCount" && type == DBUS_TYPE_INT32) {
+            dbus_int32_t count = 0;
+            dbus_message_iter_get_basic(&variant, &count);
+            properties.childCount = count;
+        }
+        dbus_message_iter_next(&entries);
+    }
+    return properties;
 }
 
 std::optional<Extents> parseExtents(DBusMessage* reply) {

@@ -26,11 +26,12 @@ struct Extents {
 Message roleCall(const ObjectRef&);
 Message stateCall(const ObjectRef&);
 Message interfacesCall(const ObjectRef&);
-// One property of the Accessible interface, asked on its own: Qt 5.15
-// crashes when asked for all of an object's properties at once (GetAll).
+// One property of the Accessible interface, asked on its own; or all of
+// them at once (GetAll), which Qt 5.15 crashes on.
 Message nameCall(const ObjectRef&);
 Message descriptionCall(const ObjectRef&);
 Message childCountCall(const ObjectRef&);
+Message accessiblePropertiesCall(const ObjectRef&);
 Message extentsCall(const ObjectRef&);                // screen coordinates
 // The characters from `start` to `end`; an end of -1 is the end of the text.
 Message textCall(const ObjectRef&, int start = 0, int end = -1);
@@ -72,6 +73,7 @@ struct AccessibleProperties {
     std::optional<int> childCount;
 };
 std::optional<int> parseIntProperty(DBusMessage*);
+AccessibleProperties parseAccessibleProperties(DBusMessage*);
 std::optional<Extents> parseExtents(DBusMessage*);
 std::optional<std::string> parseText(DBusMessage*);
 std::optional<double> parseCurrentValue(DBusMessage*);

@@ -102,7 +102,7 @@ CacheIndex indexCache(std::vector<CacheItem> items, const std::string& bus) {
 }
 
 TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
-                           int timeoutMs, size_t limit, ChildRule rule)
+                           int timeoutMs, size_t limit, ChildRule rule, bool allProperties)
     : root_(root), bus_(root.bus) {
     CacheIndex cache;
     {
@@ -125,7 +125,7 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
     while (!level.empty() && !stalled_) {
         struct Calls {
             std::optional<size_t> name, description, childCount, role, states, extents,
-                interfaces, text, value;
+                interfaces, text, value, properties;
             std::vector<size_t> children;
             bool wholeList = false;
             // The children as the application lists them, and whether that
@@ -187,12 +187,17 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             if (!record.extentsFetched) c.extents = first.add(extentsCall(ref));
             auto item = cache.items.find(ref.path);
             if (item == cache.items.end()) {
-                c.name = first.add(nameCall(ref));
-                c.description = first.add(descriptionCall(ref));
-                // Only a list that may be huge is counted first; any other
-                // is listed whole.
-                if (!record.states || mayBeHuge(*record.states))
-                    c.childCount = first.add(childCountCall(ref));
+                // Name, description and count in one call where the toolkit
+                // can take it; one call each otherwise. Only a list that may
+                // be huge needs the count; any other is listed whole.
+                if (allProperties) {
+                    c.properties = first.add(accessiblePropertiesCall(ref));
+                } else {
+                    c.name = first.add(nameCall(ref));
+                    c.description = first.add(descriptionCall(ref));
+                    if (!record.states || mayBeHuge(*record.states))
+                        c.childCount = first.add(childCountCall(ref));
+                }
                 c.role = first.add(roleCall(ref));
                 if (!record.states) c.states = first.add(stateCall(ref));
                 continue;
@@ -226,6 +231,7 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
                 record.extentsFetched = true;
                 record.extents = parseExtents(first.reply(*c.extents));
             }
+            if (c.properties) record.properties = parseAccessibleProperties(first.reply(*c.properties));
             if (c.name) record.properties.name = parseStringProperty(first.reply(*c.name));
             if (c.description)
                 record.properties.description = parseStringProperty(first.reply(*c.description));

@@ -41,9 +41,10 @@ class TreeSnapshot {
 public:
     // Prefetches the tree under `root` as far as a breadth-first scan of at
     // most `limit` elements reaches, over `link` when there is one, else over
-    // the bus, keeping the children that `rule` keeps.
+    // the bus, keeping the children that `rule` keeps. `allProperties`: the
+    // application answers for all of an object's properties at once.
     TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
-                 int timeoutMs, size_t limit, ChildRule rule);
+                 int timeoutMs, size_t limit, ChildRule rule, bool allProperties = false);
 
     // What was prefetched about one element; a fact that was not prefetched
     // is read from `live`. Null when the element is not in the snapshot.
