@@ -140,11 +140,7 @@ ChildRule Accessibility::childRule(const std::string& bus) {
 
 DirectLink* Accessibility::linkTo(const std::string& bus) {
     if (bus.empty()) return nullptr;
-    auto known = links_.find(bus);
-    if (known != links_.end()) {
-        DirectLink* link = known->second.get();
-        return link && !link->broken() ? link : nullptr;
-    }
+    if (links_.count(bus)) return openLink(bus);
 
     // Toolkits built on the AT-SPI bridge also listen on a socket of their
     // own. Talking to it directly skips the bus daemon, which otherwise
@@ -167,13 +163,12 @@ DirectLink* Accessibility::openLink(const std::string& bus) const {
 }
 
 bool Accessibility::connect() {
-    if (connectAttempted_) return connected_;
+    if (connectAttempted_) return bus_ != nullptr;
     connectAttempted_ = true;
     std::optional<std::string> address = accessibilityBusAddress(rootWindowAddress_, timeoutMs_);
     if (!address) return false;
     bus_ = openBus(*address);
-    connected_ = bus_ != nullptr;
-    return connected_;
+    return bus_ != nullptr;
 }
 
 bool Accessibility::reachable() {
@@ -302,7 +297,7 @@ AttributeRead Accessibility::focusedWindow(const AccessibleElement& application)
 
 std::optional<Accessibility::TopLevel> Accessibility::topLevel(const Element& element) {
     const AccessibleElement* target = atspi(element);
-    if (!target || !connected_) return std::nullopt;
+    if (!target || !bus_) return std::nullopt;
     const ObjectRef& ref = target->ref();
     const ApplicationFacts& application = applicationFacts(ref.bus);
     CallBatch batch(bus_.get(), timeoutMs_);
@@ -363,7 +358,7 @@ AttributeRead Accessibility::focusedElement(const AccessibleElement& application
 
 AttributeRead Accessibility::read(const Element& element, std::string_view attribute) {
     const AccessibleElement* target = atspi(element);
-    if (!target || !connected_) return {kAXErrorCannotComplete, {}};
+    if (!target || !bus_) return {kAXErrorCannotComplete, {}};
     if (scanning_ && scanStalled_) return {kAXErrorCannotComplete, {}};
 
     // The window, the focused element and every value outside a scan are
@@ -398,7 +393,7 @@ AXError Accessibility::isSettable(const Element& element, std::string_view attri
                                   bool& settable) {
     settable = false;
     const AccessibleElement* target = atspi(element);
-    if (!target || !connected_) return kAXErrorCannotComplete;
+    if (!target || !bus_) return kAXErrorCannotComplete;
     if (attribute != "AXValue") return kAXErrorSuccess;
     // Settable means the application offers to replace the whole text and
     // says the element is editable.
@@ -423,7 +418,7 @@ AXError Accessibility::isSettable(const Element& element, std::string_view attri
 AXError Accessibility::setText(const Element& element, std::string_view attribute,
                                const std::string& text) {
     const AccessibleElement* target = atspi(element);
-    if (!target || !connected_) return kAXErrorCannotComplete;
+    if (!target || !bus_) return kAXErrorCannotComplete;
     if (attribute != "AXValue") return kAXErrorAttributeUnsupported;
     const ObjectRef& ref = target->ref();
     Message reply = callAndWait(bus_.get(), setTextContentsCall(ref, text), timeoutMs_);
@@ -444,7 +439,7 @@ void Accessibility::beginTreeScan(const Element& root) {
     scanning_ = true;
     scanStalled_ = false;
     const AccessibleElement* target = atspi(root);
-    if (!target || !connected_) return;
+    if (!target || !bus_) return;
     const ObjectRef& ref = target->ref();
     snapshot_ = std::make_unique<TreeSnapshot>(ref, bus_.get(), linkTo(ref.bus), timeoutMs_,
                                                kMaxNodes, childRule(ref.bus),
@@ -494,13 +489,13 @@ Browser Accessibility::browser(std::int64_t pid) {
 }
 
 std::optional<int> Accessibility::caretOffset(const ObjectRef& text) {
-    if (!connected_) return std::nullopt;
+    if (!bus_) return std::nullopt;
     Message reply = callAndWait(bus_.get(), caretOffsetCall(text), timeoutMs_);
     return parseCaretOffset(reply.get());
 }
 
 std::optional<std::string> Accessibility::text(const ObjectRef& text, int start, int end) {
-    if (!connected_) return std::nullopt;
+    if (!bus_) return std::nullopt;
     Message reply = callAndWait(bus_.get(), textCall(text, start, end), timeoutMs_);
     return parseText(reply.get());
 }

@@ -156,7 +156,6 @@ private:
     std::function<std::optional<std::string>()> rootWindowAddress_;
     Bus bus_;
     bool connectAttempted_ = false;
-    bool connected_ = false;
     bool reachable_ = false;
     int timeoutMs_ = 2000;
     bool windowRelativePlacement_ = false;
