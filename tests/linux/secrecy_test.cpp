@@ -223,7 +223,7 @@ TEST(LinuxSecrecy, TheTreePrefetchAsksForTextOnlyAfterTheRoleRuledOutPassword) {
     const std::vector<std::string> texts = {"/entry", "/paragraph"};
     for (ChildRule rule : {ChildRule::Showing, ChildRule::VisibleWithArea}) {
         ScriptedApplication app;
-        TreeSnapshot snapshot({kBus, "/window"}, nullptr, app.link(), 2000, 10, rule);
+        TreeSnapshot snapshot({kBus, "/window"}, nullptr, app.link(), 2000, 10, ScanManner{rule});
         ASSERT_FALSE(snapshot.stalled());
         EXPECT_EQ(app.textsAsked(), texts);
         for (const Expected& e : kExpected) {

@@ -14,15 +14,14 @@
 
 #include "platform/linux/atspi/accessible_element.h"
 #include "platform/linux/atspi/bus.h"
-#include "platform/linux/atspi/child_filter.h"
 #include "platform/linux/atspi/child_lists.h"
 #include "platform/linux/atspi/message.h"
 #include "platform/linux/atspi/methods.h"
+#include "platform/linux/atspi/tree_snapshot.h"
 #include "platform/platform.h"
 
 namespace quorvel::linux_backend {
 
-class TreeSnapshot;
 class DirectLink;
 
 // The frontmost application: its process. Its AT-SPI application is looked
@@ -140,12 +139,12 @@ private:
         std::optional<std::string> address;
         bool gtk4 = false;
         Browser browser = Browser::None;
-        bool allProperties = false;  // answers accessiblePropertiesCall
+        ScanManner manner;
         std::optional<std::int64_t> pid;
     };
     const ApplicationFacts& applicationFacts(const std::string& bus, bool retry = false);
     // Which children make "AXChildren" in the application of `bus`.
-    ChildRule childRule(const std::string& bus);
+    ChildRule childRule(const std::string& bus) { return applicationFacts(bus).manner.rule; }
     // A direct link to the application's own socket, for the tree scan;
     // null when it offers none (its requests then go over the bus).
     DirectLink* linkTo(const std::string& bus);

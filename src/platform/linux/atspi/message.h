@@ -16,9 +16,11 @@ struct ObjectRef {
     friend bool operator==(const ObjectRef&, const ObjectRef&) = default;
 };
 
+// Where every application, and the registry, keeps its root object.
+inline constexpr char kApplicationRoot[] = "/org/a11y/atspi/accessible/root";
 // The registry's root object: its children are the registered applications,
 // each named by its bus name and the path of its own root object.
-inline const ObjectRef kRegistryRoot{"org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root"};
+inline const ObjectRef kRegistryRoot{"org.a11y.atspi.Registry", kApplicationRoot};
 
 struct MessageRelease {
     void operator()(DBusMessage* message) const { dbus_message_unref(message); }

@@ -11,7 +11,6 @@ constexpr char kAccessible[] = "org.a11y.atspi.Accessible";
 constexpr char kComponent[] = "org.a11y.atspi.Component";
 constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 constexpr dbus_uint32_t kScreenCoordinates = 0;  // ATSPI_COORD_TYPE_SCREEN
-constexpr char kApplicationRoot[] = "/org/a11y/atspi/accessible/root";
 
 Message methodCall(const ObjectRef& ref, const char* interface, const char* method) {
     return Message(dbus_message_new_method_call(ref.bus.c_str(), ref.path.c_str(), interface,
@@ -125,11 +124,16 @@ Message applicationPropertyCall(const std::string& bus, const char* property) {
     return propertyCall(ObjectRef{bus, kApplicationRoot}, "org.a11y.atspi.Application", property);
 }
 
-Message focusedDescendantCall(const ObjectRef& ref) {
-    Message call = methodCall(ref, "org.a11y.atspi.Collection", "GetMatches");
+namespace {
+
+// Collection.GetMatches with a rule of these states, all of them; no
+// attributes, roles or interfaces asked for; not inverted. In document
+// order, at most `count` objects (0: all), among the descendants when
+// `traverse`, else among the children only.
+Message statesMatchCall(const ObjectRef& ref, dbus_int32_t states, dbus_int32_t count,
+                        dbus_bool_t traverse) {
+    Message call = methodCall(ref, kCollectionInterface, "GetMatches");
     if (!call) return call;
-    // The match rule (aiia{ss}iaiiasib): these states, all of them; no
-    // attributes, roles or interfaces asked for; not inverted.
     const dbus_int32_t all = ATSPI_Collection_MATCH_ALL;
     const dbus_bool_t invert = FALSE;
     DBusMessageIter iter, rule;
@@ -143,19 +147,26 @@ Message focusedDescendantCall(const ObjectRef& ref) {
     };
     dbus_message_iter_init_append(call.get(), &iter);
     dbus_message_iter_open_container(&iter, DBUS_TYPE_STRUCT, nullptr, &rule);
-    criterion("i", {1 << ATSPI_STATE_FOCUSED | 1 << ATSPI_STATE_FOCUSABLE, 0});  // states
-    criterion("{ss}", {});                           // attributes
-    criterion("i", {0, 0, 0, 0});                    // roles
-    criterion("s", {});                              // interfaces
+    criterion("i", {states, 0});    // states (aiia{ss}iaiiasib)
+    criterion("{ss}", {});          // attributes
+    criterion("i", {0, 0, 0, 0});   // roles
+    criterion("s", {});             // interfaces
     dbus_message_iter_append_basic(&rule, DBUS_TYPE_BOOLEAN, &invert);
     dbus_message_iter_close_container(&iter, &rule);
-    // In document order, the first match only, looking inside every child.
     const dbus_uint32_t order = ATSPI_Collection_SORT_ORDER_CANONICAL;
-    const dbus_int32_t count = 1;
-    const dbus_bool_t traverse = TRUE;
     dbus_message_append_args(call.get(), DBUS_TYPE_UINT32, &order, DBUS_TYPE_INT32, &count,
                              DBUS_TYPE_BOOLEAN, &traverse, DBUS_TYPE_INVALID);
     return call;
+}
+
+}  // namespace
+
+Message focusedDescendantCall(const ObjectRef& ref) {
+    return statesMatchCall(ref, 1 << ATSPI_STATE_FOCUSED | 1 << ATSPI_STATE_FOCUSABLE, 1, TRUE);
+}
+
+Message showingChildrenCall(const ObjectRef& ref) {
+    return statesMatchCall(ref, 1 << ATSPI_STATE_SHOWING, 0, FALSE);
 }
 
 Message extentsCall(const ObjectRef& ref) {

@@ -60,6 +60,10 @@ Message applicationPropertyCall(const std::string& bus, const char* property);
 // LibreOffice and Qt also mark FOCUSED some of the containers of the focus,
 // which cannot take it.
 Message focusedDescendantCall(const ObjectRef&);
+// The children of `ref` with the SHOWING state, in their order, as the
+// application filters them itself (Collection.GetMatches, not traversing):
+// one call instead of the list and a state read per child.
+Message showingChildrenCall(const ObjectRef&);
 
 // Replies. Each is empty when the call failed or the reply is not of the
 // expected type.
@@ -107,5 +111,6 @@ bool hasInterface(const std::vector<std::string>& interfaces, const char* name);
 inline constexpr char kTextInterface[] = "org.a11y.atspi.Text";
 inline constexpr char kValueInterface[] = "org.a11y.atspi.Value";
 inline constexpr char kEditableTextInterface[] = "org.a11y.atspi.EditableText";
+inline constexpr char kCollectionInterface[] = "org.a11y.atspi.Collection";
 
 }  // namespace quorvel::linux_backend

@@ -102,10 +102,11 @@ CacheIndex indexCache(std::vector<CacheItem> items, const std::string& bus) {
 }
 
 TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
-                           int timeoutMs, size_t limit, ChildRule rule, bool allProperties)
+                           int timeoutMs, size_t limit, const ScanManner& manner)
     : root_(root), bus_(root.bus) {
+    const ChildRule rule = manner.rule;
     CacheIndex cache;
-    {
+    if (manner.readCache) {
         CallBatch batch(bus, timeoutMs, link);
         batch.add(cacheItemsCall(bus_));
         batch.wait();
@@ -122,6 +123,11 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
     // as many as still fit.
     std::vector<ObjectRef> level{root};
     size_t visited = 1;
+    // Where the application itself can leave out the children that are not
+    // SHOWING (it offers the Collection interface, which the root's
+    // interfaces tell), one call lists what the rule keeps; elsewhere the
+    // list and then every child's states are read.
+    bool applicationFilters = false;
     while (!level.empty() && !stalled_) {
         struct Calls {
             std::optional<size_t> name, description, childCount, role, states, extents,
@@ -133,6 +139,7 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             // scan can take it).
             std::optional<std::vector<ObjectRef>> listed;
             bool complete = true;
+            bool filtered = false;  // listed as the rule keeps them
         };
         std::vector<Calls> calls(level.size());
 
@@ -180,6 +187,7 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
         };
 
         CallBatch first(bus, timeoutMs, link);
+        std::optional<size_t> rootInterfaces;
         for (size_t i = 0; i < level.size(); ++i) {
             const ObjectRef& ref = level[i];
             Record& record = records_[ref.path];
@@ -187,10 +195,12 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             if (!record.extentsFetched) c.extents = first.add(extentsCall(ref));
             auto item = cache.items.find(ref.path);
             if (item == cache.items.end()) {
+                if (rule == ChildRule::Showing && visited == 1)
+                    rootInterfaces = first.add(interfacesCall(ref));
                 // Name, description and count in one call where the toolkit
                 // can take it; one call each otherwise. Only a list that may
                 // be huge needs the count; any other is listed whole.
-                if (allProperties) {
+                if (manner.allProperties) {
                     c.properties = first.add(accessiblePropertiesCall(ref));
                 } else {
                     c.name = first.add(nameCall(ref));
@@ -220,6 +230,15 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
         if (first.timedOut()) {
             stalled_ = true;
             break;
+        }
+        if (rootInterfaces) {
+            Record& record = records_[root_.path];
+            record.interfacesFetched = true;
+            record.interfaces = parseInterfaces(first.reply(*rootInterfaces));
+        }
+        if (visited == 1 && rule == ChildRule::Showing) {
+            const Record& record = records_[root_.path];
+            applicationFilters = record.interfaces && hasInterface(*record.interfaces, kCollectionInterface);
         }
 
         CallBatch second(bus, timeoutMs, link);
@@ -257,14 +276,16 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
                 // any other is left to a live read.
                 if (!record.states || mayBeHuge(*record.states)) continue;
                 c.wholeList = true;
-                c.children.push_back(second.add(childrenCall(ref)));
+                c.filtered = applicationFilters;
+                c.children.push_back(second.add(c.filtered ? showingChildrenCall(ref) : childrenCall(ref)));
                 continue;
             }
             if (*count <= 0) {
                 c.listed.emplace();
             } else if (*count <= kWholeListLimit) {
                 c.wholeList = true;
-                c.children.push_back(second.add(childrenCall(ref)));
+                c.filtered = applicationFilters;
+                c.children.push_back(second.add(c.filtered ? showingChildrenCall(ref) : childrenCall(ref)));
             } else {
                 size_t take = std::min(static_cast<size_t>(*count), limit - visited);
                 for (size_t k = 0; k < take; ++k)
@@ -291,7 +312,8 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             if (!c.children.empty()) {
                 std::vector<ObjectRef> refs;
                 if (c.wholeList) {
-                    if (auto listed = parseChildren(second.reply(c.children.front())))
+                    DBusMessage* reply = second.reply(c.children.front());
+                    if (auto listed = c.filtered ? parseMatches(reply) : parseChildren(reply))
                         c.listed = std::move(*listed);
                 } else {
                     for (size_t id : c.children) {
@@ -303,7 +325,8 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
                     if (refs.size() == c.children.size()) c.listed = std::move(refs);
                 }
             }
-            if (!c.listed || rule == ChildRule::All || visited >= limit || stalled_) continue;
+            if (!c.listed || c.filtered || rule == ChildRule::All || visited >= limit || stalled_)
+                continue;
             for (const ObjectRef& child : *c.listed) {
                 // A child in another application (an embedded one) is kept,
                 // as a live read keeps it.

@@ -37,14 +37,20 @@ struct CacheIndex {
 };
 CacheIndex indexCache(std::vector<CacheItem> items, const std::string& bus);
 
+// How an application's tree is best asked for.
+struct ScanManner {
+    ChildRule rule = ChildRule::Showing;  // which children the scan keeps
+    bool allProperties = false;  // answers for all of an object's properties at once
+    bool readCache = true;       // its cache costs less than it saves
+};
+
 class TreeSnapshot {
 public:
     // Prefetches the tree under `root` as far as a breadth-first scan of at
     // most `limit` elements reaches, over `link` when there is one, else over
-    // the bus, keeping the children that `rule` keeps. `allProperties`: the
-    // application answers for all of an object's properties at once.
-    TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link,
-                 int timeoutMs, size_t limit, ChildRule rule, bool allProperties = false);
+    // the bus.
+    TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLink* link, int timeoutMs,
+                 size_t limit, const ScanManner& manner);
 
     // What was prefetched about one element; a fact that was not prefetched
     // is read from `live`. Null when the element is not in the snapshot.
