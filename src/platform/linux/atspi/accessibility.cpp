@@ -141,7 +141,6 @@ const Accessibility::ApplicationFacts& Accessibility::applicationFacts(const std
     return applications_[bus] = std::move(facts);
 }
 
-
 DirectLink* Accessibility::linkTo(const std::string& bus) {
     if (bus.empty()) return nullptr;
     if (links_.count(bus)) return openLink(bus);

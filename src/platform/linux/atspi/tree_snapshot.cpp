@@ -231,17 +231,22 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
             stalled_ = true;
             break;
         }
-        if (rootInterfaces) {
-            Record& record = records_[root_.path];
-            record.interfacesFetched = true;
-            record.interfaces = parseInterfaces(first.reply(*rootInterfaces));
-        }
         if (visited == 1 && rule == ChildRule::Showing) {
-            const Record& record = records_[root_.path];
-            applicationFilters = record.interfaces && hasInterface(*record.interfaces, kCollectionInterface);
+            Record& record = records_[root_.path];
+            if (rootInterfaces) {
+                record.interfacesFetched = true;
+                record.interfaces = parseInterfaces(first.reply(*rootInterfaces));
+            }
+            applicationFilters =
+                record.interfaces && hasInterface(*record.interfaces, kCollectionInterface);
         }
 
         CallBatch second(bus, timeoutMs, link);
+        auto listWhole = [&](Calls& c, const ObjectRef& ref) {
+            c.wholeList = true;
+            c.filtered = applicationFilters;
+            c.children.push_back(second.add(c.filtered ? showingChildrenCall(ref) : childrenCall(ref)));
+        };
         for (size_t i = 0; i < level.size(); ++i) {
             const ObjectRef& ref = level[i];
             Record& record = records_[ref.path];
@@ -275,17 +280,13 @@ TreeSnapshot::TreeSnapshot(const ObjectRef& root, DBusConnection* bus, DirectLin
                 // Not counted: a list that cannot be huge is listed whole;
                 // any other is left to a live read.
                 if (!record.states || mayBeHuge(*record.states)) continue;
-                c.wholeList = true;
-                c.filtered = applicationFilters;
-                c.children.push_back(second.add(c.filtered ? showingChildrenCall(ref) : childrenCall(ref)));
+                listWhole(c, ref);
                 continue;
             }
             if (*count <= 0) {
                 c.listed.emplace();
             } else if (*count <= kWholeListLimit) {
-                c.wholeList = true;
-                c.filtered = applicationFilters;
-                c.children.push_back(second.add(c.filtered ? showingChildrenCall(ref) : childrenCall(ref)));
+                listWhole(c, ref);
             } else {
                 size_t take = std::min(static_cast<size_t>(*count), limit - visited);
                 for (size_t k = 0; k < take; ++k)

@@ -2,15 +2,17 @@
 //
 // The scan visits the window breadth-first and reads the same few facts of
 // every element; asked one by one, each costs a round trip to the
-// application. The snapshot asks the application once for its own account of
-// every object (the Cache interface: role, name, description, states,
-// interfaces, place among its parent's children), then sends the remaining
-// calls (extents, text, values, and everything about objects the cache does
-// not cover) a whole breadth-first level at a time, as far as the scan can
-// reach. Each children list is filtered by the application's child rule
-// (child_filter.h) with the children's states from the cache, or asked of
-// them all at once, so the snapshot visits exactly what the scan will. It
-// lives only between the backend's beginTreeScan and endTreeScan.
+// application. Unless its cache costs more than it saves, the snapshot asks
+// the application once for its own account of every object (the Cache
+// interface: role, name, description, states, interfaces, place among its
+// parent's children), then sends the remaining calls (extents, text, values,
+// and everything about objects the cache does not cover) a whole
+// breadth-first level at a time, as far as the scan can reach. Each children
+// list is filtered by the application's child rule (child_filter.h), with
+// the children's states from the cache, by the application itself, or with
+// their states asked all at once, so the snapshot visits exactly what the
+// scan will. It lives only between the backend's beginTreeScan and
+// endTreeScan.
 #pragma once
 
 #include <memory>
