@@ -132,11 +132,13 @@ const Accessibility::ApplicationFacts& Accessibility::applicationFacts(const std
     // Qt 5.15 crashes on GetAll; an application that did not name its
     // toolkit may be Qt.
     facts.manner.allProperties = !name.empty() && name != "qt";
-    // LibreOffice answers for its cache with every object of its whole
-    // interface, every closed menu's items included (some 4000 objects,
-    // 700 kB, 100 ms of its time), while a scan of its window visits a few
-    // hundred: asked one level at a time, the window takes less.
-    facts.manner.readCache = parseStringProperty(batch.reply(application)).value_or("") != "soffice";
+    // Qt's cache is always empty. LibreOffice answers for its cache with
+    // every object of its whole interface, every closed menu's items
+    // included (some 4000 objects, 700 kB, 100 ms of its time), while a scan
+    // of its window visits a few hundred: asked one level at a time, the
+    // window takes less.
+    facts.manner.readCache =
+        name != "qt" && parseStringProperty(batch.reply(application)).value_or("") != "soffice";
     facts.pid = parseProcessId(batch.reply(pid));
     return applications_[bus] = std::move(facts);
 }
