@@ -85,7 +85,7 @@ TEST(Type, LengthLimitCountsUtf16UnitsAndComesBeforeTheFocusIsRead) {
                           Case{"30000_emoji_and_a_letter", emoji30000 + "a", true}}) {
         SCOPED_TRACE(c.name);
         FormScene e;
-        e.desktop.logCalls = false;  // 60000 letters make 7500 events; keep it quick
+        e.desktop.logCalls = false;  // 60000 units make 7500 events; keep it quick
         EXPECT_EQ(typeInto(e, c.text), c.refused ? msg::kFocusEditor : kNoFailure);
         if (c.refused) {  // before the focus is read: only the validation asked for the application
             EXPECT_EQ(e.desktop.count("createApplicationElement"), 1);
