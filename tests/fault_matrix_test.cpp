@@ -35,7 +35,8 @@ using testing::typed;
 struct Scenario {
     const char* name;
     std::string operation;
-    std::string action;  // JSON text, for "act"
+    // "act": the action as JSON text; an observation: more fields of the request.
+    std::string action;
     bool settable = false;
     // What a healthy run must post, and the text it must set, if any.
     Events input = {};
@@ -53,7 +54,7 @@ struct RunRecord {
 };
 
 RunRecord run(const Scenario& s, const std::function<void(FormScene&)>& arm) {
-    std::string text = R"({"version":1,"operation":")" + s.operation + "\"}";
+    std::string text = R"({"version":1,"operation":")" + s.operation + "\"" + s.action + "}";
     if (s.operation == "act") {
         // The scope an observation of the healthy desktop hands out.
         FormScene scratch(s.settable);
@@ -307,6 +308,8 @@ std::vector<Fault> faults() {
               [](FormScene& s) { s.desktop.imageBytes.reset(); }, msg::kCaptureFailed),
         fixed("image data missing", "copyImageData",
               [](FormScene& s) { s.desktop.imageHasData = false; }, msg::kCaptureFailed),
+        fixed("image not encodable", "encodePng", [](FormScene& s) { s.desktop.pngSize.reset(); },
+              msg::kCaptureFailed),
         fixed("keyboard in another typist's use", "prepareText",
               [](FormScene& s) { s.desktop.textRefusal = msg::kKeyboardBusy; }, msg::kKeyboardBusy),
         fixed("replacement rejected", "setAttributeValue",
@@ -328,6 +331,7 @@ std::vector<Scenario> scenarios() {
         {"context", "context", ""},
         {"observe", "observe", ""},
         {"capture", "capture", ""},
+        {"observe_png", "observe", R"(,"image":"png")"},
         {"click", "act", R"({"kind":"click","x":300,"y":200})", false, clicks("300,200")},
         {"double_click", "act", R"({"kind":"click","x":300,"y":200,"count":2})", false,
          clicks("300,200", 2)},
@@ -471,7 +475,8 @@ TEST_P(FaultMatrix, ChecksStandWhereTheRulesPutThem) {
         ASSERT_TRUE(log.scanEnd.has_value());
         EXPECT_GT(final.trusted, *log.scanEnd);
         for (size_t i = final.trusted; i < calls.size(); ++i)
-            EXPECT_TRUE(calls[i] != "copyImageData" && calls[i] != "recognizeText")
+            EXPECT_TRUE(calls[i] != "copyImageData" && calls[i] != "encodePng" &&
+                        calls[i] != "recognizeText")
                 << "capture after the final check";
         for (size_t i = final.title + 1; i < calls.size(); ++i)
             EXPECT_EQ(calls[i], "processIdentifier") << "after the final check";

@@ -86,22 +86,5 @@ TEST(WindowImage, ContextIgnoresTheKeyLikeAnyOther) {
     }
 }
 
-TEST(WindowImage, AnImageThatCannotBeEncodedFailsTheCapture) {
-    FormScene scene;
-    scene.desktop.pngSize.reset();
-    Json reply = testing::request(scene.desktop, observation("observe", R"(,"image":"png")"));
-    EXPECT_EQ(testing::errorOf(reply), msg::kCaptureFailed);
-    EXPECT_EQ(scene.desktop.count("recognizeText"), 0);
-    EXPECT_EQ(scene.desktop.unreleased(), 0);
-}
-
-TEST(WindowImage, IsReturnedOnlyWhileTheWindowStaysInFront) {
-    FormScene scene;
-    // The final check of the observation is the second resolution.
-    scene.desktop.before("isProcessTrusted", 2, [&] { scene.standard.moveWindow(5, 0); });
-    Json reply = testing::request(scene.desktop, observation("capture", R"(,"image":"png")"));
-    EXPECT_EQ(testing::errorOf(reply), msg::kChanged);
-}
-
 }  // namespace
 }  // namespace quorvel
