@@ -2,8 +2,6 @@
 // requests are decoded.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "scene.h"
 
 namespace quorvel {
@@ -57,23 +55,6 @@ TEST(Dispatch, CapabilitiesNeedNoWindowAndAskAccessibilityFirst) {
                       R"("platform":"fake","screen_capture":false,"version":1}})");
     EXPECT_EQ(desktop.calls,
               (std::vector<std::string>{"isProcessTrusted", "preflightScreenCaptureAccess"}));
-}
-
-TEST(Dispatch, TypeIntoPausesATenthOfASecondBetweenTheClickAndTheTyping) {
-    fake::FormScene scene;
-    Json r = testing::request(scene.desktop, testing::act(testing::standardScope(),
-                                                 R"({"kind":"type_into","x":210,"y":70,"value":"new",)"
-                                                 R"("replace":false,"expected_value":"hello"})"));
-    ASSERT_EQ(errorOf(r), testing::kSuccess);
-    const std::vector<std::string>& calls = scene.desktop.calls;
-    EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](auto& c) { return c.starts_with("sleep"); }), 1);
-    auto sleep = std::find(calls.begin(), calls.end(), "sleep 0.1");
-    auto lastMouse = std::find(calls.rbegin(), calls.rend(), "createMouseEvent 2");
-    auto firstKey = std::find_if(calls.begin(), calls.end(), [](const std::string& c) {
-        return c.starts_with("createKeyboardEvent");
-    });
-    EXPECT_TRUE(lastMouse.base() < sleep && sleep < firstKey);
-    EXPECT_EQ(std::count(lastMouse.base(), sleep, "post 0"), 1);  // the click's last event
 }
 
 }  // namespace

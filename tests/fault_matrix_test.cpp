@@ -469,6 +469,19 @@ TEST_P(FaultMatrix, ChecksStandWhereTheRulesPutThem) {
         EXPECT_GT(prepared, *log.guardValueRead);
         EXPECT_EQ(log.postsBefore(prepared), log.postsBefore(*log.guardValueRead));
     }
+    // Only "type_into" pauses: a tenth of a second, once, between its click,
+    // all posted, and the text.
+    auto isPause = [](const std::string& c) { return c.starts_with("sleep"); };
+    size_t pause = log.next(0, isPause);
+    EXPECT_EQ(pause < calls.size(), scenario.action.find("type_into") != std::string::npos);
+    if (pause < calls.size()) {
+        EXPECT_EQ(calls[pause], "sleep 0.1");
+        EXPECT_EQ(log.postsBefore(pause), 2u);
+        EXPECT_LT(pause, log.next(0, [](const std::string& c) {
+                      return c.starts_with("createKeyboardEvent");
+                  }));
+        EXPECT_EQ(log.next(pause + 1, isPause), calls.size()) << "a second pause";
+    }
     if (log.observation) {
         const Resolution& final = log.resolutions.back();
         EXPECT_TRUE(final.checking);
