@@ -310,6 +310,8 @@ std::vector<Fault> faults() {
               [](FormScene& s) { s.desktop.imageHasData = false; }, msg::kCaptureFailed),
         fixed("image not encodable", "encodePng", [](FormScene& s) { s.desktop.pngSize.reset(); },
               msg::kCaptureFailed),
+        fixed("pointer outside the window", "pointerLocation",
+              [](FormScene& s) { s.desktop.pointer = Point{20, 20}; }, msg::kPlaceCursor),
         fixed("keyboard in another typist's use", "prepareText",
               [](FormScene& s) { s.desktop.textRefusal = msg::kKeyboardBusy; }, msg::kKeyboardBusy),
         fixed("replacement rejected", "setAttributeValue",
