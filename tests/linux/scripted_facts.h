@@ -25,7 +25,6 @@ struct ScriptedFacts final : ElementFacts {
     std::optional<Extents> extentsValue;
     std::optional<std::vector<std::string>> interfacesValue;
     std::optional<std::string> textValue;
-    std::optional<double> valueValue;
     std::optional<std::vector<EmbeddedObject>> embedded;
     // "role", "interfaces", "text" and "embedded", in the order asked.
     std::vector<std::string> asked;
@@ -41,7 +40,7 @@ struct ScriptedFacts final : ElementFacts {
         return asked.push_back("interfaces"), interfacesValue;
     }
     std::optional<std::string> text() override { return asked.push_back("text"), textValue; }
-    std::optional<double> currentValue() override { return valueValue; }
+    std::optional<double> currentValue() override { return std::nullopt; }
     std::optional<ElementList> children() override { return std::nullopt; }
     std::optional<std::vector<EmbeddedObject>> embeddedObjects() override {
         return asked.push_back("embedded"), embedded;
@@ -53,7 +52,6 @@ inline std::string outcome(const AttributeRead& read) {
     if (read.code != kAXErrorSuccess) return "error " + std::to_string(read.code);
     if (auto* text = std::get_if<std::string>(&read.value)) return *text;
     if (auto* flag = std::get_if<bool>(&read.value)) return *flag ? "true" : "false";
-    if (auto* number = std::get_if<double>(&read.value)) return std::to_string(*number);
     return "other";
 }
 

@@ -110,27 +110,23 @@ private:
         if (member == "GetRole") {
             if (!e.role) return fail();
             dbus_uint32_t role = static_cast<dbus_uint32_t>(*e.role);
-            dbus_message_iter_append_basic(&iter, DBUS_TYPE_UINT32, &role);
+            dbus_message_append_args(reply.get(), DBUS_TYPE_UINT32, &role, DBUS_TYPE_INVALID);
         } else if (member == "GetText") {
-            {
-                std::lock_guard lock(mutex_);
-                textsAsked_.push_back(path);
-            }
+            std::lock_guard lock(mutex_);
+            textsAsked_.push_back(path);
             const char* text = e.text.c_str();
-            dbus_message_iter_append_basic(&iter, DBUS_TYPE_STRING, &text);
+            dbus_message_append_args(reply.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
         } else if (member == "GetInterfaces") {
-            dbus_message_iter_open_container(&iter, DBUS_TYPE_ARRAY, "s", &inner);
-            for (const char* name : {"org.a11y.atspi.Accessible", kTextInterface})
-                dbus_message_iter_append_basic(&inner, DBUS_TYPE_STRING, &name);
-            dbus_message_iter_close_container(&iter, &inner);
+            const char* names[] = {"org.a11y.atspi.Accessible", kTextInterface};
+            const char** list = names;
+            dbus_message_append_args(reply.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &list, 2,
+                                     DBUS_TYPE_INVALID);
         } else if (member == "GetState") {
-            dbus_message_iter_open_container(&iter, DBUS_TYPE_ARRAY, "u", &inner);
-            dbus_uint32_t words[2] = {1u << ATSPI_STATE_ENABLED | 1u << ATSPI_STATE_VISIBLE |
-                                          1u << ATSPI_STATE_SHOWING,
-                                      0};
-            for (dbus_uint32_t& word : words)
-                dbus_message_iter_append_basic(&inner, DBUS_TYPE_UINT32, &word);
-            dbus_message_iter_close_container(&iter, &inner);
+            const dbus_uint32_t words[2] = {
+                1u << ATSPI_STATE_ENABLED | 1u << ATSPI_STATE_VISIBLE | 1u << ATSPI_STATE_SHOWING, 0};
+            const dbus_uint32_t* list = words;
+            dbus_message_append_args(reply.get(), DBUS_TYPE_ARRAY, DBUS_TYPE_UINT32, &list, 2,
+                                     DBUS_TYPE_INVALID);
         } else if (member == "Get") {  // Name, Description and ChildCount
             const char* interface = nullptr;
             const char* property = nullptr;

@@ -49,21 +49,17 @@ const Insets kDecorated{1, 1, 20, 5};  // openbox: left, right, top, bottom
 
 TEST(WindowIdentity, EveryToolkitsFrameIsTheWholeWindow) {
     const ClientWindow decorated = window(11, {640, 307, 640, 480}, kDecorated);  // F = 639,287 642x505
-    const ClientWindow undecorated = window(12, {10, 10, 1050, 980}, {});
     struct {
         const char* name;
         std::optional<Extents> extents;
         std::vector<ClientWindow> windows;
         std::string frame;
     } cases[] = {
-        // GTK 3 and LibreOffice report the frame: it stays as it is.
-        {"frame", Extents{639, 287, 642, 505}, {decorated}, "639,287 642x505"},
-        // Qt and Firefox report the client area: it grows by that window's
-        // decorations, so AT-SPI's numbers still meet X's in the match.
-        {"client_area", Extents{640, 307, 640, 480}, {decorated}, "639,287 642x505"},
+        // GTK 3 and LibreOffice report the frame, which stays as it is; Qt
+        // and Firefox the client area, which grows by that window's
+        // decorations (the end-to-end applications prove both), also when
+        // it is a little off.
         {"client_area_off_by_one", Extents{641, 307, 640, 480}, {decorated}, "640,287 642x505"},
-        // Client-side decorations (Chromium, GTK 3 header bars): C = F.
-        {"undecorated", Extents{10, 10, 1050, 980}, {undecorated}, "10,10 1050x980"},
         // The nearest window decides, not the first.
         {"second_window",
          Extents{100, 120, 400, 300},
@@ -122,8 +118,9 @@ TEST(WindowIdentity, AWindowWithoutPositionNeedsEveryPieceOfEvidence) {
 
 // A toolkit that scales its windows reports its logical pixels: the scale
 // is taken only where it makes AT-SPI's rectangle meet X's as closely as an
-// unscaled one must. The first cases are what GTK 3 (GDK_SCALE=2, a zenity
-// dialog) and Qt 5 (featherpad, QT_SCALE_FACTOR) reported under openbox.
+// unscaled one must. The first case is what Qt 5 (featherpad,
+// QT_SCALE_FACTOR) reported under openbox; the end-to-end applications
+// prove GTK 3's frame at 2.
 TEST(WindowIdentity, AScaleIsTakenOnlyWhereItMakesBothSidesAgree) {
     const ClientWindow undecorated = window(31, {100, 100, 800, 600}, {});
     struct {
@@ -132,12 +129,8 @@ TEST(WindowIdentity, AScaleIsTakenOnlyWhereItMakesBothSidesAgree) {
         std::vector<ClientWindow> windows;
         std::string frame;
     } cases[] = {
-        {"gtk3_frame_at_2", {358, 189, 244, 174}, {window(11, {717, 398, 486, 322}, kDecorated)},
-         "716,378 488x348 @2"},
         {"qt_client_area_at_1.25", {418, 188, 700, 500},
          {window(11, {522, 235, 875, 625}, kDecorated)}, "521.5,215 877x650 @1.25"},
-        {"qt_client_area_at_2", {130, 24, 700, 500},
-         {window(11, {260, 47, 1400, 1000}, kDecorated)}, "259,28 1402x1025 @2"},
         {"below_one", {125, 125, 1000, 750}, {undecorated}, "100,100 800x600 @0.8"},
         // A scale that is no multiple of 1/40 is the ratio itself.
         {"a_third_more", {100, 100, 700, 500}, {window(11, {133, 133, 931, 665}, {})},
@@ -153,7 +146,6 @@ TEST(WindowIdentity, AScaleIsTakenOnlyWhereItMakesBothSidesAgree) {
          {window(11, {50, 50, 400, 300}, {}), undecorated}, "50,50 400x300"},
         // Refused: E stays as it is, and the match refuses it.
         {"just_outside", {51, 50, 400, 300}, {undecorated}, "51,50 400x300"},
-        {"sizes_agree_position_not", {10, 10, 400, 300}, {undecorated}, "10,10 400x300"},
         {"other_shape", {50, 50, 400, 400}, {undecorated}, "50,50 400x400"},
         {"beyond_the_largest_scale", {20, 20, 160, 120}, {undecorated}, "20,20 160x120"},
         {"other_process", {50, 50, 400, 300}, {window(31, {100, 100, 800, 600}, {}, "Doc", 8)},
@@ -170,20 +162,18 @@ TEST(WindowIdentity, AScaleIsTakenOnlyWhereItMakesBothSidesAgree) {
 TEST(WindowIdentity, OnlyTheUnsavedChangesMarkerLeavesTheTitle) {
     struct { const char* name; const char* title; } cases[] = {
         {"*Untitled 1 - Mousepad", "Untitled 1 - Mousepad"},
-        {"*/tmp/notes.txt", "/tmp/notes.txt"},
         {"notes.txt *", "notes.txt"},
         {"**double", "*double"},
         {"*", ""},
-        {"Untitled 1 - Mousepad", "Untitled 1 - Mousepad"},
         {"a * b", "a * b"},
         {"notes.txt*", "notes.txt*"},
-        {"New Document (Draft) - Text Editor", "New Document (Draft) - Text Editor"},
     };
     for (const auto& c : cases) EXPECT_EQ(windowTitle(c.name), c.title) << c.name;
 }
 
+// What a toolkit shows is kept: every end-to-end row sees that. These are
+// what it does not show, and the readings that leave it unknown.
 TEST(ChildRule, KeepsWhatTheToolkitShows) {
-    const StateBits shown = states({ATSPI_STATE_SHOWING, ATSPI_STATE_VISIBLE});
     const StateBits visible = states({ATSPI_STATE_VISIBLE});
     const Extents area{0, 46, 690, 464}, empty{0, 46, 0, 0};
     struct {
@@ -193,11 +183,9 @@ TEST(ChildRule, KeepsWhatTheToolkitShows) {
         std::optional<Extents> extents;
         bool kept;
     } cases[] = {
-        {"showing", ChildRule::Showing, shown, std::nullopt, true},
         {"closed_menu_item", ChildRule::Showing, visible, std::nullopt, false},
         {"hidden_qt_widget", ChildRule::Showing, StateBits{0}, std::nullopt, false},
         {"states_unreadable", ChildRule::Showing, std::nullopt, std::nullopt, true},
-        {"gtk4_visible", ChildRule::VisibleWithArea, visible, area, true},
         {"gtk4_hidden_page", ChildRule::VisibleWithArea, visible, empty, false},
         {"gtk4_not_visible", ChildRule::VisibleWithArea, StateBits{0}, area, false},
         {"gtk4_no_component", ChildRule::VisibleWithArea, visible, std::nullopt, true},
@@ -220,9 +208,7 @@ TEST(TextRoles, ParagraphsAndEntriesCarryTheirText) {
         states({ATSPI_STATE_EDITABLE, ATSPI_STATE_FOCUSABLE, ATSPI_STATE_MULTI_LINE});
     // Inside a web page's editable region: editable, but no focus of its own.
     const StateBits inRegion = states({ATSPI_STATE_EDITABLE, ATSPI_STATE_MULTI_LINE});
-    const std::string object = "\xEF\xBF\xBC", padding = "\xEF\xBB\xBF", emoji = "\xF0\x9F\x98\x80";
-    const std::vector<EmbeddedObject> blocks{{ATSPI_ROLE_PARAGRAPH, "First"},
-                                             {ATSPI_ROLE_PARAGRAPH, "Second"}};
+    const std::string object = "\xEF\xBF\xBC", padding = "\xEF\xBB\xBF";
     struct {
         const char* name;
         int role;
@@ -234,11 +220,8 @@ TEST(TextRoles, ParagraphsAndEntriesCarryTheirText) {
         std::optional<std::vector<EmbeddedObject>> embedded = std::nullopt;
         int embeddedAsked = 0;
     } cases[] = {
-        {"editable_paragraph", ATSPI_ROLE_PARAGRAPH, editable, text, "Hello", "AXTextArea", "Hello", 1},
         {"paragraph_in_editable_region", ATSPI_ROLE_PARAGRAPH, inRegion, text, "In " + object,
          "AXStaticText", "In ", 1},
-        {"editable_region", ATSPI_ROLE_SECTION, editable, text, object + object, "AXTextArea",
-         "First\nSecond", 1, blocks, 1},
         {"region_blocks_unreadable", ATSPI_ROLE_SECTION, editable, text, object + object,
          "AXTextArea", "", 1, std::nullopt, 1},
         {"section_in_region", ATSPI_ROLE_SECTION, inRegion, text, "Line", "AXGroup", "error", 0},
@@ -254,15 +237,8 @@ TEST(TextRoles, ParagraphsAndEntriesCarryTheirText) {
          "error", 0},
         {"read_only_document_text", ATSPI_ROLE_DOCUMENT_TEXT, 0, text, "Long", "document text",
          "error", 0},
-        {"textarea", ATSPI_ROLE_ENTRY, editable, std::nullopt, "a\nb", "AXTextArea", "a\nb", 1},
-        {"input", ATSPI_ROLE_ENTRY, states({ATSPI_STATE_SINGLE_LINE}), std::nullopt, "Ada",
-         "AXTextField", "Ada", 1},
-        {"firefox_padding", ATSPI_ROLE_ENTRY, editable, std::nullopt, "a" + emoji + padding + "b",
-         "AXTextArea", "a" + emoji + "b", 1},
         {"padding_of_its_own", ATSPI_ROLE_ENTRY, editable, std::nullopt, "a" + padding + "b",
          "AXTextArea", "a" + padding + "b", 1},
-        // Never read, whatever the states say.
-        {"password", ATSPI_ROLE_PASSWORD_TEXT, editable, text, "hunter2", "AXTextField", "error", 0},
     };
     for (const auto& c : cases) {
         ScriptedFacts facts;
@@ -289,7 +265,6 @@ TEST(EmbeddedText, BlocksTakeLinesOfTheirOwnAndInlineObjectsStayInPlace) {
         std::vector<EmbeddedObject> objects;
         std::string value;
     } cases[] = {
-        {"two_paragraphs", o + o, {{p, "One"}, {p, "Two"}}, "One\nTwo"},
         {"empty_paragraph_between", o + o + o, {{p, "One"}, {p, ""}, {p, "Three"}},
          "One\n\nThree"},
         {"text_before_a_block", "Lead" + o + "tail", {{p, "Block"}}, "Lead\nBlock\ntail"},
@@ -299,7 +274,6 @@ TEST(EmbeddedText, BlocksTakeLinesOfTheirOwnAndInlineObjectsStayInPlace) {
         {"multi_line_block", o + o, {{list, "a\nb"}, {p, "c"}}, "a\nb\nc"},
         {"more_characters_than_objects", o + o, {{p, "Only"}}, "Only"},
         {"no_objects", "plain" + o, {}, "plain"},
-        {"non_ascii", o + o, {{p, "Grüße 漢字"}, {p, "😀"}}, "Grüße 漢字\n😀"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(withEmbeddedText(c.text, c.objects), c.value) << c.name;

@@ -1,5 +1,6 @@
-// The X side without a desktop: the raw pixel layout that is hashed,
-// whatever the server's format.
+// A captured image without a desktop: the raw pixel layout that is hashed,
+// whatever the server's format, and the PNG encoder's refusal of pixels that
+// do not fill the image. (The end-to-end capture decodes the PNGs it gets.)
 #include <gtest/gtest.h>
 
 // clang-format off
@@ -9,6 +10,7 @@
 
 #include <vector>
 
+#include "platform/linux/png_encoder.h"
 #include "platform/linux/x11/capture.h"
 
 namespace quorvel::linux_backend {
@@ -51,6 +53,12 @@ TEST(PixelLayout, EveryServerFormatComesOutAsRowsOfFourBytesAPixelWithOpaqueAlph
         copyToBgra(image, pixels, c.x, c.y);
         EXPECT_EQ(pixels.bgra, c.bgra) << c.label;
     }
+}
+
+TEST(PngEncoder, RefusesAnEmptyOrShortImage) {
+    EXPECT_FALSE(encodePng(Pixels{0, 0, {}}));
+    EXPECT_FALSE(encodePng(Pixels{4, 4, std::vector<std::uint8_t>(4 * 4 * 4 - 1, 255)}));
+    EXPECT_TRUE(encodePng(Pixels{4, 4, std::vector<std::uint8_t>(4 * 4 * 4, 255)}));
 }
 
 }  // namespace

@@ -3,8 +3,6 @@
 // bridge runs at all.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "mcp/tools.h"
 #include "stub_bridge.h"
 
@@ -98,9 +96,12 @@ TEST(Tools, TheBridgesRefusalComesBackUnchangedAsAToolErrorAndKeepsTheLastObserv
         EXPECT_TRUE(isError(result));
         EXPECT_EQ(textOf(result), answer.envelope ? answer.envelope->at("error").get<std::string>() : answer.problem);
     }
-    // Nor does a failed observation.
+    // Nor does a failed or malformed observation.
     s.bridge.answers.push_back(refused("No foreground application. Unlock the desktop."));
     EXPECT_EQ(textOf(s.tools.call("observe", Json::object())), "No foreground application. Unlock the desktop.");
+    s.bridge.answers.push_back(succeeded(Json::object()));
+    EXPECT_EQ(textOf(s.tools.call("observe", Json::object())),
+              "The bridge's observation has no scope or nodes. Observe again.");
     // None of it cost the observation: its ids still work.
     s.bridge.answers.push_back(succeeded(kDone));
     EXPECT_FALSE(isError(s.tools.call("click", {{"id", "1:ax-4"}})));
@@ -167,22 +168,6 @@ TEST(Tools, IdsOfAnEarlierObservationAreRefused) {
     s.bridge.answers.push_back(succeeded(kDone));
     s.tools.call("type_text", {{"id", "2:ax-2"}, {"text", "x"}, {"replace", false}});
     EXPECT_EQ(s.bridge.requests.at(0)["action"]["expected_value"], "Grace");
-}
-
-TEST(Tools, DefinitionsDescribeEveryToolsInput) {
-    std::vector<std::string> names;
-    for (const Json& tool : Tools::definitions()) {
-        names.push_back(tool.at("name"));
-        const Json& schema = tool.at("inputSchema");
-        EXPECT_EQ(schema.at("type"), "object");
-        for (const Json& required : schema.value("required", Json::array()))
-            EXPECT_TRUE(schema.at("properties").contains(required)) << tool["name"] << " " << required;
-        EXPECT_FALSE(tool.at("description").get<std::string>().empty());
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"observe", "click", "type_text", "press_key", "scroll"}));
-    ScriptedBridge bridge;
-    Tools tools(bridge);
-    EXPECT_THROW(tools.call("drag", Json::object()), UnknownTool);
 }
 
 }  // namespace
