@@ -19,8 +19,10 @@
 namespace quorvel::e2e {
 namespace {
 
-// The form: every kind of control, an editable region, and a same-origin
-// frame with an input.
+// The form: every kind of control, an editable region, a same-origin frame
+// with an input, and buttons whose script changes the title or a field's
+// content a moment after the click (and puts the focus in the field first,
+// as an application would).
 const char kFormPage[] = R"html(<!doctype html>
 <html><head><meta charset="utf-8"><title>Web Form</title>
 <style>body { font: 14px sans-serif; margin: 8px } p { margin: 4px 0 }
@@ -34,6 +36,8 @@ const char kFormPage[] = R"html(<!doctype html>
   <option>Blue</option></select></label>
 <label><input id="agree" type="checkbox"> Agree</label>
 <button id="press" type="button">Press me</button>
+<button id="rename" type="button">Rename soon</button>
+<button id="rewrite" type="button">Rewrite soon</button>
 <a id="article" href="article.html">Read the article</a></p>
 <div id="editor" contenteditable="true"><p>First paragraph</p><p>Second paragraph</p></div>
 <iframe id="frame" title="Inner frame" srcdoc='<!doctype html><meta charset="utf-8">
@@ -58,6 +62,14 @@ $("editor").addEventListener("input", () =>
 $("agree").addEventListener("change", () => show("agree", "agree: " + $("agree").checked));
 let presses = 0;
 $("press").addEventListener("click", () => show("press", "presses: " + ++presses));
+$("rename").addEventListener("click", () => {
+  $("name").focus();
+  setTimeout(() => { document.title = "Web Form renamed"; }, 1000);
+});
+$("rewrite").addEventListener("click", () => {
+  $("notes").focus();
+  setTimeout(() => { $("notes").value = "Rewritten by the page"; }, 1000);
+});
 </script>
 </body></html>
 )html";
@@ -240,9 +252,10 @@ TEST_P(WebPages, AreObservedAndOperatedAsTheirListenersSeeIt) {
     Json replaced = expectSoon("the name replaced", showing(statusLine("name", replacement)));
     EXPECT_FALSE(editorWith(replaced, "AXTextField", replacement).is_null()) << values(replaced);
 
-    // The editable region, its value the text of its paragraphs, types
-    // like a field, and the page's listener sees the text.
+    // The editable region: an outdated expected value types nothing; the
+    // right one types into it, and the page's listener sees the text.
     focus(scope, editorWith(replaced, "AXTextArea", region), region);
+    EXPECT_EQ(act(scope, typing("nope", "First paragraph")).error(), kValueChanged);
     EXPECT_TRUE(act(scope, typing(" ✓ ünï 字", region)).ok());
     // An editable region keeps a typed space as a no-break space where a
     // plain one would collapse; the page's own text has it so.
@@ -252,6 +265,7 @@ TEST_P(WebPages, AreObservedAndOperatedAsTheirListenersSeeIt) {
     });
     std::string regionNow = edited["context"]["focused_value"];
     EXPECT_NE(plain(regionNow).find(" ✓ ünï 字"), std::string::npos) << regionNow;
+    EXPECT_EQ(regionNow.find("nope"), std::string::npos) << regionNow;
     EXPECT_FALSE(editorWith(edited, "AXTextArea", regionNow).is_null()) << values(edited);
 
     // The frame's input takes typing like any other.
@@ -268,11 +282,31 @@ TEST_P(WebPages, AreObservedAndOperatedAsTheirListenersSeeIt) {
         expectSoon(effect, showing(effect));
     }
 
+    // The page changes the notes, focused, a moment after the click, title
+    // unchanged: typing with the value observed before is refused.
+    Json clicked = observe();
+    EXPECT_FALSE(editorWith(clicked, "AXTextArea", notes).is_null()) << values(clicked);
+    EXPECT_TRUE(act(scope, clickAt(placed(clicked, "AXButton", "Rewrite soon"))).ok());
+    Json rewritten = expectSoon("the notes rewritten", focusedOn("Rewritten by the page"));
+    EXPECT_EQ(rewritten["scope"], scope);
+    EXPECT_EQ(act(scope, typing("lost", notes)).error(), kValueChanged);
+
+    // The page renames itself a moment after the click, the name field
+    // focused: the old scope is refused, and nothing is typed.
+    EXPECT_TRUE(act(scope, clickAt(placed(rewritten, "AXButton", "Rename soon"))).ok());
+    Json renamed = expectSoon("the page renamed", [](const Json& o) {
+        return o["scope"]["window"].get<std::string>().find("Web Form renamed") != std::string::npos;
+    });
+    ASSERT_NE(renamed["scope"], scope);
+    EXPECT_EQ(act(scope, typing("lost", replacement)).error(), kWindowChanged);
+    EXPECT_EQ(observe()["context"]["focused_value"], replacement);
+
     // As in any application, another window in front or a moved window
     // makes the scope stale.
     Json form = expectStaleScopesRefused(observe());
 
-    // A click on the link goes to the article.
+    // A click on the link goes to the article; the form's scope is refused
+    // there too.
     Json link = placed(form, "AXLink", "Read the article");
     ASSERT_FALSE(link.is_null());
     EXPECT_TRUE(act(form["scope"], clickAt(link)).ok());
@@ -283,6 +317,7 @@ TEST_P(WebPages, AreObservedAndOperatedAsTheirListenersSeeIt) {
                    !placed(o, "AXHeading", "Section 1").is_null();
         },
         60s);
+    EXPECT_EQ(act(form["scope"], kEscape).error(), kWindowChanged);
 
     // The first screen of the article is within the 1200 nodes, and the
     // rest of it is not what fills them.
