@@ -56,6 +56,19 @@ inline constexpr char kAccessibility[] =
 inline constexpr char kScreenRecording[] =
     "Grant Screen Recording access to Quorvel in macOS System Settings, then retry.";
 
+// Every sentence above: a refusal outside this list is a fault (the fuzz
+// target checks every answer against it).
+inline const std::vector<std::string>& all() {
+    static const std::vector<std::string> sentences{
+        kGeneric,       kInvalidRequest, kProtocol,     kOperation,      kAction,
+        kTextFields,    kKey,            kNoApplication, kNoBounds,      kNotUnique,
+        kChanged,       kReadLimit,      kCaptureFailed, kPlaceCursor,   kScrollInput,
+        kKeyboardInput, kOutside,        kMouseInput,    kFocusEditor,   kValueChanged,
+        kRejected,      kFocusChanged,   kTextInput,     kAccessibility, kScreenRecording,
+        kImageFormat,   kKeyboardBusy};
+    return sentences;
+}
+
 }  // namespace quorvel::msg
 
 namespace quorvel::testing {
